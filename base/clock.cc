@@ -1,0 +1,21 @@
+#include "base/clock.h"
+
+#include <ctime>
+
+namespace tarn {
+namespace {
+
+ClockFunction g_clock = nullptr;
+
+}  // namespace
+
+int64_t MonotonicMs() {
+  if (g_clock != nullptr) return g_clock();
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+void SetMonotonicClock(ClockFunction clock) { g_clock = clock; }
+
+}  // namespace tarn

@@ -1,0 +1,34 @@
+// Whole small files: reading with a cap, and replacing so that a reader sees the old or the new
+// text.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace tarn {
+
+// open(2) with O_CLOEXEC, retried on EINTR.
+int OpenRetry(const char* path, int flags, mode_t mode = 0);
+
+// Writes all bytes, retried on EINTR and short writes.
+bool WriteAll(int fd, std::string_view data);
+
+// Reads up to `limit` bytes from the descriptor's position to its end. False on an error or when
+// more than `limit` bytes are there.
+bool ReadAll(int fd, size_t limit, std::string& data);
+
+// Reads a whole file of at most `limit` bytes.
+bool ReadWholeFile(const std::string& path, size_t limit, std::string& data);
+
+// Replaces a regular (or missing) file by a temporary file in the same directory and a rename; any
+// other kind of file (a device) is written in place. Nothing of the old content is lost on failure.
+bool ReplaceFile(const std::string& path, std::string_view data, mode_t mode);
+
+// Rewrites the file behind `fd` in place, for a file whose inode is itself the lock. Space is
+// reserved first, so that a full disk leaves the old content.
+bool RewriteInPlace(int fd, std::string_view data);
+
+}  // namespace tarn

@@ -1,0 +1,41 @@
+#include "base/run_as.h"
+
+#include <unistd.h>
+
+#include "base/log.h"
+
+namespace tarn {
+namespace {
+
+int SetUser(unsigned id) { return setresuid(static_cast<uid_t>(-1), id, static_cast<uid_t>(-1)); }
+int SetGroup(unsigned id) { return setresgid(static_cast<gid_t>(-1), id, static_cast<gid_t>(-1)); }
+
+SetEffectiveId g_set_user = SetUser;
+SetEffectiveId g_set_group = SetGroup;
+
+// The group can only be changed while the user is root: first on the way down, last on the way up.
+bool Switch(uid_t uid, gid_t gid) {
+  if (geteuid() == uid && getegid() == gid) return true;
+  if (geteuid() == 0) return g_set_group(gid) == 0 && g_set_user(uid) == 0;
+  return g_set_user(uid) == 0 && g_set_group(gid) == 0;
+}
+
+}  // namespace
+
+void SetIdCalls(SetEffectiveId set_user, SetEffectiveId set_group) {
+  g_set_user = set_user != nullptr ? set_user : SetUser;
+  g_set_group = set_group != nullptr ? set_group : SetGroup;
+}
+
+RunAsRoot::RunAsRoot(const char* unit, int line)
+    : unit_(unit), line_(line), uid_(geteuid()), gid_(getegid()), switched_(Switch(0, 0)) {
+  if (!switched_) Log(LOG_AUTH | LOG_ERR, unit_, line_, "ERROR: %s(%d, %d)", "IF_RUN_AS", 0, 0);
+}
+
+RunAsRoot::~RunAsRoot() {
+  if (Switch(uid_, gid_)) return;
+  Log(LOG_AUTH | LOG_CRIT, unit_, line_, "ERROR: ~%s(%d, %d)", "IF_RUN_AS", static_cast<int>(uid_),
+      static_cast<int>(gid_));
+}
+
+}  // namespace tarn

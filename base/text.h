@@ -1,0 +1,25 @@
+// Numbers to text and back, untouched by the caller's locale.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace tarn {
+
+// Milliseconds as seconds with exactly three decimals: 1234 is "1.234".
+std::string FormatMillisecondsAsSeconds(int64_t milliseconds);
+
+// What an output string stream in the classic locale writes (a float has six significant digits).
+std::string FormatClassic(float value);
+std::string FormatClassic(unsigned value);
+
+// A whole decimal number, digits only. False for anything else or a value over the type's range;
+// `value` is then untouched.
+bool ParseDecimal(std::string_view text, uint64_t& value);
+
+// A process id read from a file: strtol's leading digits, or 0 where that is not the id of a
+// process that may be signalled (out of range, init, this process itself).
+int ParsePid(const std::string& text);
+
+}  // namespace tarn

@@ -1,0 +1,66 @@
+#include "base/wait.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "base/process.h"
+
+namespace tarn {
+
+ChangeWaiter::ChangeWaiter() = default;
+
+void ChangeWaiter::WatchProcess(pid_t pid) {
+  UniqueFd fd = OpenPidfd(pid);
+  if (fd.valid()) {
+    processes_.push_back(std::move(fd));
+  } else {
+    gone_ = true;
+  }
+}
+
+bool ChangeWaiter::AddWatch(const std::string& path, unsigned mask) {
+  if (!inotify_.valid()) inotify_.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  return inotify_.valid() && inotify_add_watch(inotify_.get(), path.c_str(), mask) >= 0;
+}
+
+bool ChangeWaiter::WatchDirectory(const std::string& path) {
+  return AddWatch(path, IN_CREATE | IN_CLOSE_WRITE | IN_MOVE | IN_DELETE | IN_DELETE_SELF |
+                            IN_MOVE_SELF | IN_ONLYDIR);
+}
+
+bool ChangeWaiter::WatchClose(const std::string& path) { return AddWatch(path, IN_CLOSE); }
+
+ChangeWaiter::Reason ChangeWaiter::Wait(int milliseconds) {
+  if (gone_) {
+    gone_ = false;
+    return Reason::kChange;
+  }
+  std::vector<pollfd> fds;
+  for (const UniqueFd& process : processes_) fds.push_back({process.get(), POLLIN, 0});
+  if (inotify_.valid()) fds.push_back({inotify_.get(), POLLIN, 0});
+  const timespec timeout{milliseconds / 1000, (milliseconds % 1000) * 1'000'000L};
+  sigset_t none;
+  sigemptyset(&none);
+  const int ready = ppoll(fds.data(), fds.size(), &timeout, &none);
+  if (ready < 0) return errno == EINTR ? Reason::kSignal : Reason::kTimeout;
+  if (ready == 0) return Reason::kTimeout;
+  if (inotify_.valid()) {
+    char events[4096];
+    while (read(inotify_.get(), events, sizeof events) > 0) {
+    }
+  }
+  return Reason::kChange;
+}
+
+void SleepMs(int milliseconds) {
+  timespec left{milliseconds / 1000, (milliseconds % 1000) * 1'000'000L};
+  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
+
+}  // namespace tarn

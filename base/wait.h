@@ -1,0 +1,48 @@
+// The one place where the engine waits.
+//
+// A wait has an upper bound and ends early when something that it watches changes: a process ends,
+// a directory or file is touched, or a signal whose handler is installed arrives. Nothing else in
+// the tree sleeps.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "base/unique_fd.h"
+
+namespace tarn {
+
+class ChangeWaiter {
+ public:
+  enum class Reason { kChange, kTimeout, kSignal };
+
+  ChangeWaiter();
+
+  // Watches a process's end. A process that is gone already makes the next wait return at once.
+  void WatchProcess(pid_t pid);
+
+  // Watches a directory: entries created, moved in or out, removed or closed after writing, and its
+  // own removal. False when it is not there.
+  bool WatchDirectory(const std::string& path);
+
+  // Watches one file for being closed by whoever had it open.
+  bool WatchClose(const std::string& path);
+
+  // Waits at most `milliseconds`. Signals that were blocked by the caller are let in only inside
+  // the wait (sigmask empty), so a flag that the caller tested just before cannot be missed.
+  Reason Wait(int milliseconds);
+
+ private:
+  bool AddWatch(const std::string& path, unsigned mask);
+
+  UniqueFd inotify_;
+  std::vector<UniqueFd> processes_;
+  bool gone_ = false;
+};
+
+// Sleeps for the whole span, for the places that have nothing to watch.
+void SleepMs(int milliseconds);
+
+}  // namespace tarn

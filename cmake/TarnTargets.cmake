@@ -1,0 +1,50 @@
+# Flags and helpers that every target of the tree uses.
+
+add_library(tarn_flags INTERFACE)
+target_compile_options(tarn_flags INTERFACE -Wall -Wextra -Werror)
+target_include_directories(tarn_flags INTERFACE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/include
+                                                ${CMAKE_SOURCE_DIR}/platform/include)
+if(TARNVTE_SANITIZE)
+  # float-cast-overflow is not part of "undefined", and sizes and bit rates are where it bites.
+  add_compile_options(-fsanitize=address,undefined,float-cast-overflow -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined,float-cast-overflow)
+endif()
+if(TARNVTE_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+# tarn_library(NAME SOURCES a.cc ... LIBS x ...): one layer of the engine, a static library.
+function(tarn_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_link_libraries(${name} PUBLIC ${ARG_LIBS} PRIVATE tarn_flags)
+endfunction()
+
+# tarn_test(NAME SOURCES a.cc ... LIBS x ... LABELS unit|host|media|browser [PLATFORM linux|fake]
+#           [TIMEOUT s] [ARGS ...]): one GoogleTest binary. Each of its cases is a CTest test of its
+# own, in a process and a sandbox of its own (platform detection is read once per process).
+# PLATFORM linux (the default) links the real platform library; fake puts the scripted one in front.
+function(tarn_test name)
+  cmake_parse_arguments(ARG "" "PLATFORM;TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  set(platform platform_linux)
+  if(ARG_PLATFORM STREQUAL "fake")
+    set(platform platform_fake platform_linux)
+  endif()
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} ${platform} GTest::gmock GTest::gtest_main
+                                        tarn_flags)
+  target_compile_definitions(${name} PRIVATE
+    TARN_TEST_MEDIA="${CMAKE_BINARY_DIR}/tests/media"
+    TARN_TEST_DATA="${CMAKE_SOURCE_DIR}/tests"
+    TARN_TEST_BIN="${CMAKE_BINARY_DIR}")
+  set_target_properties(${name} PROPERTIES
+    RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/bin
+    CROSSCOMPILING_EMULATOR ${CMAKE_BINARY_DIR}/sandbox)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_PREFIX "${name}."
+                       PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
+endfunction()

@@ -1,0 +1,1 @@
+#include "tarnvte/json_utils.h"

@@ -1,0 +1,1 @@
+#include "tarnvte/lock.h"

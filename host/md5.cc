@@ -1,0 +1,1 @@
+#include "tarnvte/md5.h"

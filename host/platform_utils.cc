@@ -1,0 +1,1 @@
+#include "tarnvte/platform_utils.h"

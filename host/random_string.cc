@@ -1,0 +1,1 @@
+#include "tarnvte/random_string.h"

@@ -1,0 +1,1 @@
+#include "tarnvte/trans_loading.h"

@@ -1,0 +1,85 @@
+// The metadata document of one video file: probing it, and typed questions about it.
+//
+// Document format: docs/formats/metadata-document.md. Getters never fail and never throw: each
+// returns its default (0, 0.0, "", null) when nothing is loaded or the key is missing or of another
+// type; numbers outside a result's range are clamped. One thread per object; the probe forks, so
+// its caller is a single-threaded process.
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <string>
+
+#include "tarnvte/export.h"
+
+namespace LibTarnVTE {
+
+class TARNVTE_EXPORT VideoMetaData {
+ public:
+  VideoMetaData();
+  ~VideoMetaData();
+
+  // Probes a file (absolute path, regular file). Asking again for the loaded file costs nothing. A
+  // failure leaves the object not loaded.
+  bool LoadFile(const std::string& path);
+
+  // Probes `path` into `doc`; false (and logged) when libavformat cannot make sense of it.
+  bool ReadMetaDataFromFFMPEG(const std::string& path, Json::Value& doc);
+  // The libavformat pass, as root and in a process of its own with bounded memory and time.
+  bool ParserMetaDataFromFFMPEG(const std::string& path, Json::Value& doc, Json::Value& video,
+                                Json::Value& audio, Json::Value& subtitle);
+
+  unsigned GetMemberUI(const std::string& key) const;
+  std::string GetMemberString(const std::string& key) const;
+  unsigned GetFirstVideoMemberUI(const std::string& key) const;
+  int GetFirstVideoMemberInt(const std::string& key) const;
+  std::string GetFirstVideoMemberString(const std::string& key) const;
+  unsigned GetFirstAudioMemberUI(const std::string& key) const;
+  std::string GetFirstAudioMemberString(const std::string& key) const;
+
+  // Copies the arrays of track objects. False when there is no track table.
+  bool GetTrackInfo(Json::Value& video, Json::Value& audio) const;
+  bool GetSubtitleTrackInfo(Json::Value& subtitle) const;
+  // One track object, or null.
+  Json::Value GetVideo(unsigned long index) const;
+  Json::Value GetAudio(unsigned long index) const;
+
+  std::string GetFilePath() const;
+  std::string GetContainer() const;  // libavformat's name of the input format
+  unsigned GetStartTime() const;     // seconds
+  unsigned GetDuration() const;      // seconds
+  unsigned GetBitrate() const;       // bits per second
+  uint64_t GetFileSize() const;      // bytes
+
+  // The first video track.
+  unsigned GetVideoBitrate() const;   // bits per second
+  unsigned GetVideoRotate() const;    // degrees, clockwise
+  unsigned GetVideoDisplayX() const;  // pixels, aspect and rotation applied
+  unsigned GetVideoDisplayY() const;
+  unsigned GetVideoResolutionX() const;  // pixels, as coded
+  unsigned GetVideoResolutionY() const;
+  unsigned GetVideoLevel() const;
+  int GetVideoSampleAspectRatioNum() const;
+  int GetVideoSampleAspectRatioDen() const;
+  int GetVideoFramerateNum() const;
+  int GetVideoFramerateDen() const;
+  float GetVideoFramerate() const;  // average frames per second
+  float GetVideoRatio() const;      // coded width / height, 1.77 when unknown
+  std::string GetVideoCodecName() const;
+  std::string GetVideoCodecTag() const;
+  std::string GetVideoProfile() const;
+  std::string GetVideoPixFmt() const;
+
+  // The first audio track.
+  unsigned GetAudioBitrate() const;  // bits per second
+  unsigned GetAudioChannel() const;
+  unsigned GetAudioFreqency() const;  // Hz. Spelling kept: callers use it.
+  std::string GetAudioCodecName() const;
+
+ protected:
+  bool loaded = false;
+  Json::Value document;
+};
+
+}  // namespace LibTarnVTE

@@ -1,0 +1,1 @@
+#include "tarnvte/video_metadata.h"

@@ -1,0 +1,44 @@
+# Sourced by ./run and ./test: installs what is missing, configures, builds. Sets $build.
+# Expects the working directory to be the root of the checkout.
+
+build=$PWD/build/dev
+
+install_packages() {
+  local missing=()
+  local package
+  for package in $(cat packaging/debian-packages.txt); do
+    [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) == installed ]] ||
+      missing+=("$package")
+  done
+  ((${#missing[@]})) || return 0
+  if ((EUID != 0)); then
+    echo "These packages are missing; install them first:" >&2
+    echo "  apt-get install --no-install-recommends ${missing[*]}" >&2
+    return 1
+  fi
+  echo "Installing ${missing[*]}" >&2
+  apt-get update -qq >&2 &&
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+}
+
+# Asking dpkg for every package takes a noticeable part of a second, so the answer is kept for as long
+# as the list and dpkg's own state are older than it.
+packages_known() {
+  local stamp=build/packages-checked
+  [[ -e $stamp && $stamp -nt packaging/debian-packages.txt && $stamp -nt /var/lib/dpkg/status ]]
+}
+
+prepare() {
+  if ! packages_known; then
+    install_packages || return 1
+    mkdir -p build && touch build/packages-checked
+  fi
+  if [[ ! -e $build/build.ninja ]]; then
+    cmake --preset dev >&2 || return 1
+  fi
+  local log
+  if ! log=$(ninja -C "$build" "$@" 2>&1); then
+    printf '%s\n' "$log" >&2
+    return 1
+  fi
+}

@@ -1,0 +1,2 @@
+// A scripted platform for tests.
+#include "librb/critical.h"

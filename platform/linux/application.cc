@@ -1,0 +1,2 @@
+// The application library on any Linux host.
+#include "librb/critical.h"

@@ -1,0 +1,1 @@
+#include "tarnvte/argument_helper.h"

@@ -1,0 +1,1 @@
+#include "tarnvte/direct_stream.h"

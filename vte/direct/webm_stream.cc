@@ -1,0 +1,1 @@
+#include "tarnvte/webm_stream.h"
