@@ -9,12 +9,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <vector>
 
 #include "base/file_io.h"
 #include "base/signals.h"
+#include "base/wait.h"
 
 namespace tarn {
 namespace {
@@ -78,6 +80,39 @@ UniqueFd OpenPidfd(pid_t pid) {
 
 bool SignalPidfd(const UniqueFd& pidfd, int signal) {
   return pidfd.valid() && syscall(SYS_pidfd_send_signal, pidfd.get(), signal, nullptr, 0) == 0;
+}
+
+bool ProcessCatches(pid_t pid, int signal) {
+  if (pid < 1 || signal < 1 || signal > 64) return false;
+  char path[64];
+  std::snprintf(path, sizeof path, "/proc/%d/status", pid);
+  std::string status;
+  if (!ReadWholeFile(path, 65536, status)) return false;
+  constexpr char kField[] = "\nSigCgt:\t";
+  const size_t at = status.find(kField);
+  if (at == std::string::npos) return false;
+  const uint64_t caught = std::strtoull(status.c_str() + at + sizeof kField - 1, nullptr, 16);
+  return (caught >> (signal - 1) & 1) != 0;
+}
+
+void StopChild(pid_t pid) {
+  if (pid < 1) return;
+  int status;
+  const auto reaped = [&] {
+    const pid_t ended = waitpid(pid, &status, WNOHANG);
+    return ended == pid || (ended < 0 && errno == ECHILD);
+  };
+  // Until it was reaped the pid is this child's; afterwards it may be a stranger's.
+  if (reaped()) return;
+  const UniqueFd pidfd = OpenPidfd(pid);
+  ChangeWaiter waiter;
+  waiter.WatchProcess(pid);
+  SignalPidfd(pidfd, SIGINT);
+  if (waiter.WaitUntil(reaped, 3, 1000)) return;
+  SignalPidfd(pidfd, SIGTERM);
+  if (waiter.WaitUntil(reaped, 2, 1000)) return;
+  SignalPidfd(pidfd, SIGKILL);
+  WaitChild(pid, status);
 }
 
 void CloseDescriptorsExcept(std::initializer_list<int> keep) {

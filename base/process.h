@@ -31,6 +31,14 @@ UniqueFd OpenPidfd(pid_t pid);
 // Signals the process behind a pidfd; false when it is gone.
 bool SignalPidfd(const UniqueFd& pidfd, int signal);
 
+// The process has a handler of its own for `signal` (/proc/PID/status, SigCgt): sending it will not
+// kill a stranger that took over the pid.
+bool ProcessCatches(pid_t pid, int signal);
+
+// Stops a child and reaps it: SIGINT first, so that a transcoder can finish its output, SIGTERM
+// after 3 s, SIGKILL after 5 s.
+void StopChild(pid_t pid);
+
 // Closes every descriptor above 2 that is not in `keep` (ascending order not needed).
 void CloseDescriptorsExcept(std::initializer_list<int> keep);
 

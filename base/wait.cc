@@ -49,12 +49,15 @@ ChangeWaiter::Reason ChangeWaiter::Wait(int milliseconds) {
   const int ready = ppoll(fds.data(), fds.size(), &timeout, &none);
   if (ready < 0) return errno == EINTR ? Reason::kSignal : Reason::kTimeout;
   if (ready == 0) return Reason::kTimeout;
-  if (inotify_.valid()) {
-    char events[4096];
-    while (read(inotify_.get(), events, sizeof events) > 0) {
-    }
-  }
+  Forget();
   return Reason::kChange;
+}
+
+void ChangeWaiter::Forget() {
+  if (!inotify_.valid()) return;
+  char events[4096];
+  while (read(inotify_.get(), events, sizeof events) > 0) {
+  }
 }
 
 void SleepMs(int milliseconds) {

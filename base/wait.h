@@ -7,9 +7,11 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "base/clock.h"
 #include "base/unique_fd.h"
 
 namespace tarn {
@@ -33,6 +35,22 @@ class ChangeWaiter {
   // Waits at most `milliseconds`. Signals that were blocked by the caller are let in only inside
   // the wait (sigmask empty), so a flag that the caller tested just before cannot be missed.
   Reason Wait(int milliseconds);
+
+  // Drops what was noticed so far: for a caller whose own test touches what it watches.
+  void Forget();
+
+  // Tests `done` at once, after every change, and at the end of each of `steps` steps of
+  // `step_ms`; true as soon as it holds. A change wakes the wait without using up a step.
+  template <typename Done>
+  bool WaitUntil(Done done, int steps, int step_ms) {
+    const int64_t deadline = MonotonicMs() + int64_t{steps} * step_ms;
+    for (;;) {
+      if (done()) return true;
+      const int64_t left = deadline - MonotonicMs();
+      if (left <= 0) return false;
+      Wait(static_cast<int>(std::min<int64_t>(left, step_ms)));
+    }
+  }
 
  private:
   bool AddWatch(const std::string& path, unsigned mask);

@@ -1,1 +1,155 @@
 #include "tarnvte/webm_stream.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+
+#include "base/fault_point.h"
+#include "base/process.h"
+#include "base/signals.h"
+#include "base/unique_fd.h"
+#include "base/wait.h"
+#include "tarnutil/qlibc.h"
+#include "tarnvte/trans_loading.h"
+#include "tarnvte/vteutils.h"
+
+namespace LibTarnVTE {
+namespace {
+
+// Of the monitor process.
+int gPidWEBMFFMPEG = 0;
+volatile sig_atomic_t gWEBMSignal = 0;
+
+// A 32-bit position in milliseconds reaches no further.
+constexpr int kMaxSeekSeconds = INT_MAX / 1000;
+
+constexpr int kPollMs = 2000;
+
+void RemoveFromRegistry(int pid) { LibReelbay::TransLoading().RemoveTransPIDLock(pid); }
+
+}  // namespace
+
+WebMStream::WebMStream(const std::string& stream_id) : DirectStream(stream_id, "WEBM") {}
+
+WebMStream::~WebMStream() {
+  if (read_fd >= 0) close(read_fd);
+}
+
+int WebMStream::GetSeekTimeInMillisecond() const { return static_cast<int>(seek_seconds * 1000); }
+
+bool WebMStream::Init(const std::string& audio_id) { return InitStreamCommon(audio_id, false); }
+
+bool WebMStream::Transcoding(int seek) {
+  if (stream_id.empty() || seek < 0 || seek > kMaxSeekSeconds ||
+      metadata.GetDuration() < static_cast<unsigned>(seek)) {
+    return false;
+  }
+  seek_seconds = static_cast<unsigned>(seek);
+  if (read_fd >= 0) close(read_fd);
+  read_fd = -1;
+  if (!SaveMonitorPid(0, true)) return false;
+
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return false;
+  tarn::UniqueFd read_end(ends[0]);
+  tarn::UniqueFd write_end(ends[1]);
+  const int forked = QLIBCProcForkEx(QLIBC_FORK_DETACHED);
+  if (forked < 0) return false;
+  if (forked > 0) {
+    read_fd = read_end.release();
+    return true;
+  }
+
+  // The monitor. It keeps nothing of its caller's but the pipe, and runs none of its exit handlers.
+  closelog();
+  tarn::CloseDescriptorsExcept({write_end.get()});
+  read_end.release();
+  gPidWEBMFFMPEG = 0;
+  gWEBMSignal = 0;
+  tarn::InstallHandler(SIGINT, MointerSignalHandler);
+  tarn::InstallHandler(SIGTERM, MointerSignalHandler);
+  tarn::FaultPoint("monitor started");
+  if (SaveMonitorPid(getpid(), true)) ExecuteMointer(write_end.release());
+  _exit(0);
+}
+
+ssize_t WebMStream::Read(char* buffer, size_t length) {
+  if (read_fd < 0) return 0;
+  ssize_t count;
+  do {
+    count = read(read_fd, buffer, length);
+  } while (count < 0 && errno == EINTR);
+  return count;
+}
+
+int WebMStream::GetReadFd() const { return read_fd; }
+
+bool WebMStream::KillMonitor() { return SaveMonitorPid(0, false); }
+
+std::vector<std::string> WebMStream::CalculateFFmpegArgument() const {
+  if (metadata.GetDuration() < seek_seconds || metadata.GetVideoResolutionX() == 0) return {};
+  std::vector<std::string> arguments = StringExplode(profile_value, " \n");
+  arguments = ForceFFmpegVideoSize(arguments, false);
+  arguments =
+      ForceFFmpegAudioFormat(arguments, GetAndCheckWebmAudioCodec(GetRequestAudioID(), metadata));
+  arguments.insert(arguments.end(),
+                   {"-webm_seek_time", std::to_string(seek_seconds), "-avoid_negative_ts", "0"});
+  return arguments;
+}
+
+void WebMStream::ExecuteMointer(int write_fd) {
+  tarn::UniqueFd output(write_fd);
+  // From here on signals arrive only inside the wait below, so that none can slip between the test
+  // of the flag and the wait.
+  const tarn::ScopedSignalBlock block;
+  const std::string directory = GetVTEFileFullPath("");
+  tarn::ChangeWaiter waiter;
+  const auto watch = [&] {
+    if (stream_id.empty() || profile_value.empty() || metadata.GetDuration() < seek_seconds) return;
+    const std::vector<std::string> arguments = CalculateFFmpegArgument();
+    if (arguments.empty()) return;
+    gPidWEBMFFMPEG = tarn::ForkBlocked();
+    if (gPidWEBMFFMPEG < 0) return;
+    if (gPidWEBMFFMPEG == 0) {
+      tarn::ResetSignals();
+      tarn::DieWithParent();
+      ExecuteTranscoding(false, arguments, "pipe:" + std::to_string(output.get()));
+      _exit(1);
+    }
+    output.reset();
+    tarn::FaultPoint("transcoder forked");
+    waiter.WatchProcess(gPidWEBMFFMPEG);
+    waiter.WatchDirectory(directory);
+    for (;;) {
+      int status;
+      const pid_t ended = waitpid(-1, &status, WNOHANG);
+      if (ended < 0 && errno != EINTR) return;
+      if (ended == gPidWEBMFFMPEG) break;
+      struct stat exists {};
+      // A stream that was closed before this process was recorded has no directory any more.
+      if (gWEBMSignal != 0 || lstat(directory.c_str(), &exists) != 0) return;
+      waiter.Wait(kPollMs);
+    }
+    if (!is_remux) RemoveFromRegistry(gPidWEBMFFMPEG);
+    gPidWEBMFFMPEG = 0;
+  };
+  watch();
+  WaitAllChild();
+}
+
+void WebMStream::WaitAllChild() {
+  if (gPidWEBMFFMPEG <= 0) return;
+  tarn::StopChild(gPidWEBMFFMPEG);
+  if (!is_remux) RemoveFromRegistry(gPidWEBMFFMPEG);
+  gPidWEBMFFMPEG = 0;
+}
+
+void WebMStream::MointerSignalHandler(int) { gWEBMSignal = 1; }
+
+}  // namespace LibTarnVTE
