@@ -8,8 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "base/unique_fd.h"
-
 namespace tarn {
 
 int OpenRetry(const char* path, int flags, mode_t mode) {
@@ -18,6 +16,20 @@ int OpenRetry(const char* path, int flags, mode_t mode) {
     fd = open(path, flags | O_CLOEXEC, mode);
   } while (fd < 0 && errno == EINTR);
   return fd;
+}
+
+bool OpenPipe(UniqueFd& read_end, UniqueFd& write_end) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return false;
+  read_end.reset(ends[0]);
+  write_end.reset(ends[1]);
+  for (UniqueFd* end : {&read_end, &write_end}) {
+    if (end->get() < 3) end->reset(fcntl(end->get(), F_DUPFD_CLOEXEC, 3));
+  }
+  if (read_end.valid() && write_end.valid()) return true;
+  read_end.reset();
+  write_end.reset();
+  return false;
 }
 
 bool WriteAll(int fd, std::string_view data) {

@@ -8,10 +8,15 @@
 #include <string>
 #include <string_view>
 
+#include "base/unique_fd.h"
+
 namespace tarn {
 
 // open(2) with O_CLOEXEC, retried on EINTR.
 int OpenRetry(const char* path, int flags, mode_t mode = 0);
+
+// pipe2(2) with O_CLOEXEC and both ends above 2, where no standard stream of a child lands on them.
+bool OpenPipe(UniqueFd& read_end, UniqueFd& write_end);
 
 // Writes all bytes, retried on EINTR and short writes.
 bool WriteAll(int fd, std::string_view data);

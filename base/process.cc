@@ -1,17 +1,21 @@
 #include "base/process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "base/file_io.h"
@@ -47,6 +51,33 @@ pid_t ForkBlocked() {
   return pid;
 }
 
+int ForkDetached() {
+  UniqueFd born_read, born_write;
+  if (!OpenPipe(born_read, born_write)) return -1;
+  const pid_t middle = ForkBlocked();
+  if (middle < 0) return -1;
+  if (middle > 0) {
+    born_write.reset();
+    std::string born;
+    const bool forked = ReadAll(born_read.get(), 1, born) && !born.empty();
+    int status;
+    WaitChild(middle, status);
+    return forked ? 1 : -1;
+  }
+  const pid_t detached = fork();
+  if (detached != 0) {
+    if (detached > 0) WriteAll(born_write.get(), "1");
+    _exit(0);
+  }
+  g_parent = 0;
+  setsid();
+  NullStandardStreams();
+  ResetSignals();
+  // The caller waits for this end of file, so it goes on beside a process that is ready.
+  born_write.reset();
+  return 0;
+}
+
 void UnblockSignals() {
   sigset_t none;
   sigemptyset(&none);
@@ -60,17 +91,19 @@ void DieWithParent() {
 }
 
 bool ProcessAlive(pid_t pid) {
-  if (pid < 1) return false;
-  if (kill(pid, 0) != 0 && errno != EPERM) return false;
-  char path[64];
-  std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
-  std::string stat;
-  if (!ReadWholeFile(path, 4096, stat)) return errno != ENOENT && errno != ESRCH;
-  // The name in parentheses may hold anything; the state follows the last one.
-  const size_t name_end = stat.rfind(')');
-  if (name_end == std::string::npos || name_end + 2 >= stat.size()) return true;
-  const char state = stat[name_end + 2];
-  return state != 'Z' && state != 'X';
+  const UniqueFd process = OpenPidfd(pid);
+  if (!process.valid()) {
+    if (pid < 1 || errno == ESRCH || errno == EINVAL || errno == ENOENT) return false;
+    // No descriptor to be had: whether it is a zombie stays unknown.
+    return kill(pid, 0) == 0 || errno == EPERM;
+  }
+  // A pidfd becomes readable when the process ends, reaped or not.
+  pollfd ended{process.get(), POLLIN, 0};
+  int ready;
+  do {
+    ready = poll(&ended, 1, 0);
+  } while (ready < 0 && errno == EINTR);
+  return ready == 0;
 }
 
 UniqueFd OpenPidfd(pid_t pid) {
@@ -135,11 +168,62 @@ void InheritOnly(int keep) {
   if (keep > 2) fcntl(keep, F_SETFD, 0);
 }
 
-void NullStandardStreams() {
+bool NullStandardStreams() {
   const int null = OpenRetry("/dev/null", O_RDWR);
-  if (null < 0) return;
-  for (int fd = 0; fd < 3; ++fd) dup2(null, fd);
+  if (null < 0) return false;
+  for (int fd = 0; fd < 3; ++fd) {
+    if (fd == null) {
+      fcntl(fd, F_SETFD, 0);
+    } else {
+      dup2(null, fd);
+    }
+  }
   if (null > 2) close(null);
+  return true;
+}
+
+int PipeDescriptor(std::string_view argument) {
+  for (const std::string_view prefix : {"pipe:", "fd:"}) {
+    if (!argument.starts_with(prefix)) continue;
+    const char* const end = argument.data() + argument.size();
+    int fd = -1;
+    const auto [stop, error] = std::from_chars(argument.data() + prefix.size(), end, fd);
+    return error == std::errc() && stop == end && fd > 2 ? fd : -1;
+  }
+  return -1;
+}
+
+void CleanEnvironment() {
+  constexpr std::string_view kKept[] = {"PATH=", "HOME=", "TARN_CODEC_PKG_NAME="};
+  static char language[] = "LANG=C.UTF-8";
+  static char* clean[std::size(kKept) + 2];
+  size_t count = 0;
+  clean[count++] = language;
+  for (const std::string_view name : kKept) {
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+      if (std::strncmp(*entry, name.data(), name.size()) != 0) continue;
+      clean[count++] = *entry;
+      break;
+    }
+  }
+  clean[count] = nullptr;
+  environ = clean;
+}
+
+bool AdoptEffectiveIds() {
+  const gid_t group = getegid();
+  const uid_t user = geteuid();
+  return setresgid(group, group, group) == 0 && setresuid(user, user, user) == 0;
+}
+
+bool PrepareExec(int keep) {
+  umask(022);
+  CleanEnvironment();
+  if (!AdoptEffectiveIds()) return false;
+  InheritOnly(keep);
+  DieWithParent();
+  ResetSignals();
+  return true;
 }
 
 bool WaitChild(pid_t pid, int& status) {

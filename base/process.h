@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <initializer_list>
+#include <string_view>
 
 #include "base/unique_fd.h"
 
@@ -13,6 +14,11 @@ namespace tarn {
 // UnblockSignals; in the parent the old mask is back. Also remembers, in the child, who its parent
 // is (see DieWithParent). Returns what fork returns.
 pid_t ForkBlocked();
+
+// Forks a process that is nobody's child: it leads a session of its own, its standard streams are
+// null, its signals are at their defaults, and it outlives its caller. Returns -1 on failure, 1 in
+// the caller and 0 in the new process.
+int ForkDetached();
 
 // Empties the signal mask, for a child of ForkBlocked that installed its own handlers.
 void UnblockSignals();
@@ -45,8 +51,24 @@ void CloseDescriptorsExcept(std::initializer_list<int> keep);
 // Marks every descriptor above 2 close-on-exec, except `keep` (-1: none), which is opened up.
 void InheritOnly(int keep);
 
-// Standard input, output and error become /dev/null.
-void NullStandardStreams();
+// Standard input, output and error become /dev/null. False where that cannot be opened.
+bool NullStandardStreams();
+
+// The descriptor above 2 that an argument "pipe:N" or "fd:N" names; -1 for any other argument.
+int PipeDescriptor(std::string_view argument);
+
+// Leaves PATH, HOME and TARN_CODEC_PKG_NAME in the environment, and sets LANG to C.UTF-8: neither a
+// preloaded library nor a proxy of the caller's reaches a program. Async-signal-safe.
+void CleanEnvironment();
+
+// Makes the effective user and group the real and saved ones too. The kernel takes a program that
+// is executed with differing ones for privileged, and then forgets the request of DieWithParent.
+bool AdoptEffectiveIds();
+
+// The last steps in a child of ForkBlocked before it executes a program: umask 022, the clean
+// environment, one user and group, no descriptor above 2 but `keep` (-1: none), death with the
+// parent, default signals. Async-signal-safe. False when the user could not be settled.
+bool PrepareExec(int keep);
 
 // Waits for one child, retried on EINTR. True when it was reaped or is not ours to reap (ECHILD:
 // somebody ignores SIGCHLD); `status` is 0 in the second case.
