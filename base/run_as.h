@@ -21,6 +21,8 @@ class RunAsRoot {
   explicit operator bool() const { return switched_; }
 
  private:
+  void SwitchBack();
+
   const char* unit_;
   int line_;
   uid_t uid_;
@@ -28,9 +30,12 @@ class RunAsRoot {
   bool switched_;
 };
 
-// Tests replace the two system calls (the effective id each; 0 on success). Null restores them.
+// Tests replace the system calls that set the effective id (0 on success) and tell it. Null
+// restores the real one.
 using SetEffectiveId = int (*)(unsigned id);
-void SetIdCalls(SetEffectiveId set_user, SetEffectiveId set_group);
+using GetEffectiveId = unsigned (*)();
+void SetIdCalls(SetEffectiveId set_user, SetEffectiveId set_group,
+                GetEffectiveId get_user = nullptr, GetEffectiveId get_group = nullptr);
 
 }  // namespace tarn
 

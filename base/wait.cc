@@ -5,6 +5,7 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
@@ -35,6 +36,8 @@ bool ChangeWaiter::WatchDirectory(const std::string& path) {
 
 bool ChangeWaiter::WatchClose(const std::string& path) { return AddWatch(path, IN_CLOSE); }
 
+void ChangeWaiter::WatchReadable(int fd) { descriptors_.push_back(fd); }
+
 ChangeWaiter::Reason ChangeWaiter::Wait(int milliseconds) {
   if (gone_) {
     gone_ = false;
@@ -42,8 +45,10 @@ ChangeWaiter::Reason ChangeWaiter::Wait(int milliseconds) {
   }
   std::vector<pollfd> fds;
   for (const UniqueFd& process : processes_) fds.push_back({process.get(), POLLIN, 0});
+  for (const int fd : descriptors_) fds.push_back({fd, POLLIN, 0});
   if (inotify_.valid()) fds.push_back({inotify_.get(), POLLIN, 0});
-  const timespec timeout{milliseconds / 1000, (milliseconds % 1000) * 1'000'000L};
+  const int left = std::max(milliseconds, 0);
+  const timespec timeout{left / 1000, (left % 1000) * 1'000'000L};
   sigset_t none;
   sigemptyset(&none);
   const int ready = ppoll(fds.data(), fds.size(), &timeout, &none);
@@ -61,8 +66,16 @@ void ChangeWaiter::Forget() {
 }
 
 void SleepMs(int milliseconds) {
-  timespec left{milliseconds / 1000, (milliseconds % 1000) * 1'000'000L};
-  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+  // An absolute end: a caller whose timer interrupts every millisecond does not sleep longer.
+  timespec end{};
+  clock_gettime(CLOCK_MONOTONIC, &end);
+  end.tv_sec += milliseconds / 1000;
+  end.tv_nsec += (milliseconds % 1000) * 1'000'000L;
+  if (end.tv_nsec >= 1'000'000'000L) {
+    ++end.tv_sec;
+    end.tv_nsec -= 1'000'000'000L;
+  }
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
   }
 }
 

@@ -32,6 +32,10 @@ class ChangeWaiter {
   // Watches one file for being closed by whoever had it open.
   bool WatchClose(const std::string& path);
 
+  // Watches a descriptor for data or end of file; a pidfd for its process's end. The caller keeps
+  // it open. A negative one is ignored.
+  void WatchReadable(int fd);
+
   // Waits at most `milliseconds`. Signals that were blocked by the caller are let in only inside
   // the wait (sigmask empty), so a flag that the caller tested just before cannot be missed.
   Reason Wait(int milliseconds);
@@ -57,6 +61,7 @@ class ChangeWaiter {
 
   UniqueFd inotify_;
   std::vector<UniqueFd> processes_;
+  std::vector<int> descriptors_;
   bool gone_ = false;
 };
 
