@@ -249,10 +249,6 @@ Words ReplaceEncoders(const Words& options) {
   return replaced;
 }
 
-std::string OutputName(const std::string& output) {
-  return output.starts_with('/') ? "file:" + output : output;
-}
-
 // One file, in a format that cannot lead to another one. The options come last before the input, so
 // that nothing among the input options loosens them.
 Words InputWords(const CommandLine& line) {
@@ -273,7 +269,7 @@ Words StockCommand(const CommandLine& line, const Words& kind_options) {
   Append(argv, InputWords(line));
   Append(argv, ReplaceEncoders(line.output_options));
   Append(argv, kind_options);
-  argv.push_back(OutputName(line.output));
+  argv.push_back(line.output);
   return argv;
 }
 
