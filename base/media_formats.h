@@ -1,26 +1,28 @@
-// Container formats that are never opened, neither by the probe nor by a transcoder.
+// Input formats of libavformat that read more than the file that they were given.
+//
+// A file says what it is by its content, whatever its name: a playlist called movie.mkv would make
+// the engine, as root, open whatever that playlist lists. So these are no video files.
 #pragma once
 
-#include <array>
 #include <string_view>
 
 namespace tarn {
 
-// Names of libavformat demuxers whose input is only a list: they go on to open other files or
-// network addresses that the text of the first file names, with the rights of whoever reads it.
-inline constexpr std::array<std::string_view, 13> kRefusedDemuxers = {
-    "concat",              // script of files
-    "dash",                // MPEG-DASH manifest
-    "hls",                 // m3u8 playlist
-    "image2",              // numbered pictures matching a pattern
-    "imf",                 // composition playlist naming asset files
-    "lavfi",               // filter graph, whose sources read files
-    "mlv",                 // opens its numbered sibling files
-    "rtp",                 // network
-    "rtsp",                // network
-    "sap",                 // network announcement
-    "sdp",                 // session description naming network streams
-    "vobsub",              // index that opens its .sub file
+inline constexpr std::string_view kRefusedInputFormats[] = {
+    "hls",                 // playlist: its segments and keys, by URL
+    "dash",                // manifest: its segments, by URL
+    "imf",                 // composition playlist: its tracks, by URL
+    "concat",              // script: any list of files
+    "sdp",                 // session description: listens on or connects to the network
+    "rtp",                 // network stream
+    "rtsp",                // network stream
+    "sap",                 // network announcements
+    "image2",              // image sequence: every file of a numbered or globbed name
+    "vobsub",              // subtitle index: the .sub file beside it
+    "mlv",                 // camera raw: the .M00 to .M99 files beside it
+    "avisynth",            // script: runs, and opens any file
+    "vapoursynth",         // script: runs, and opens any file
+    "lavfi",               // filter graph: its sources open any file
     "webm_dash_manifest",  // manifest over other files
 };
 

@@ -15,8 +15,8 @@ extern "C" {
 namespace {
 
 bool Refused(const std::string& name) {
-  return std::find(tarn::kRefusedDemuxers.begin(), tarn::kRefusedDemuxers.end(), name) !=
-         tarn::kRefusedDemuxers.end();
+  return std::find(tarn::kRefusedInputFormats.begin(), tarn::kRefusedInputFormats.end(), name) !=
+         tarn::kRefusedInputFormats.end();
 }
 
 }  // namespace
