@@ -80,6 +80,11 @@ class TARNVTE_EXPORT VideoMetaData {
  protected:
   bool loaded = false;
   Json::Value document;
+
+ private:
+  // A member of the loaded document, or null.
+  const Json::Value* Member(const std::string& key) const;
+  const Json::Value* TracksOf(const std::string& type) const;
 };
 
 }  // namespace LibTarnVTE
