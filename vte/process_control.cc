@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,7 +12,6 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/process.h"
-#include "base/signals.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
 #include "base/wait.h"
@@ -54,19 +52,6 @@ void PauseOfflineConversion() {
       kTries, 1000);
 }
 
-// The descriptor that an output word names ("pipe:7", "fd:7"), -1 when it is something else.
-int OutputDescriptor(const std::string& output) {
-  const size_t colon = output.find(':');
-  uint64_t fd = 0;
-  if (colon == std::string::npos) return -1;
-  const std::string scheme = output.substr(0, colon);
-  if ((scheme != "pipe" && scheme != "fd") || !tarn::ParseDecimal(output.substr(colon + 1), fd) ||
-      fd > 1'000'000) {
-    return -1;
-  }
-  return static_cast<int>(fd);
-}
-
 // Replaces this process by a program. Returns false when it could not.
 bool BecomeProgram(const std::string& path, const std::vector<std::string>& arguments,
                    const std::string& output, const char* label) {
@@ -74,12 +59,9 @@ bool BecomeProgram(const std::string& path, const std::vector<std::string>& argu
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
   return librb::DoActionAsRoot(label, [&] {
-    // Only now: changing the user clears the request.
-    tarn::DieWithParent();
-    tarn::ResetSignals();
-    tarn::NullStandardStreams();
-    tarn::InheritOnly(OutputDescriptor(output));
-    umask(022);
+    if (!tarn::NullStandardStreams() || !tarn::PrepareExec(tarn::PipeDescriptor(output))) {
+      return false;
+    }
     return execvp(path.c_str(), argv.data()) != -1;
   });
 }
