@@ -15,8 +15,8 @@ extern "C" {
 namespace {
 
 bool Refused(const std::string& name) {
-  return std::find(tarn::kRefusedInputFormats.begin(), tarn::kRefusedInputFormats.end(), name) !=
-         tarn::kRefusedInputFormats.end();
+  return std::ranges::find(tarn::kRefusedInputFormats, name) !=
+         std::end(tarn::kRefusedInputFormats);
 }
 
 }  // namespace
