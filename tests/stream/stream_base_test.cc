@@ -20,12 +20,12 @@ constexpr char kProfiles[] = "/tmp/profiles.json";
 
 class TestStream : public WebMStream {
  public:
-  using WebMStream::WebMStream;
   using VTEStream::is_gstreamer;
   using VTEStream::is_hardware;
   using VTEStream::is_remux;
   using VTEStream::is_vaapi_ffmpeg;
   using VTEStream::profile_value;
+  using WebMStream::WebMStream;
 };
 
 class StreamBaseTest : public testing::Test {
@@ -228,7 +228,8 @@ TEST_F(StreamBaseTest, CapabilityCodesBecomeTheirWords) {
   const std::string document = "/tmp/Reelbay/WEBM/" + id + "/video_metadata";
   const auto refusal = [&](const std::string& video) {
     WriteText(document, R"({"profile_key":"gst","profile_value":"--acodec aac","path":"/x",
-      "track_info":{"audio":[],"subtitle":[],"video":[)" + video + "]}}");
+      "track_info":{"audio":[],"subtitle":[],"video":[)" +
+                            video + "]}}");
     TestStream stream(id);
     EXPECT_FALSE(stream.Init(""));
     return stream.GetErrorString();

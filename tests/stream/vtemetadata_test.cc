@@ -91,7 +91,8 @@ TEST_F(VTEMetaDataTest, FlagsOfAnObjectThatNeverLoadedAreFalse) {
 }
 
 TEST_F(VTEMetaDataTest, FlagsOfAnotherTypeAreFalse) {
-  WriteText("/tmp/Reelbay/WEBM/id/video_metadata", R"({"hls_header": 1, "use_pre_analysis": "true"})");
+  WriteText("/tmp/Reelbay/WEBM/id/video_metadata",
+            R"({"hls_header": 1, "use_pre_analysis": "true"})");
   VTEMetaData metadata("id", "WEBM");
   ASSERT_TRUE(metadata.LoadMetaData());
   EXPECT_FALSE(metadata.IsHLSHeader());
