@@ -13,16 +13,21 @@
 
 namespace librb {
 
+class SubprocessState;  // the host's own
+
 // Runs `action` with the effective user and group switched to root, switches back, and returns the
-// action's result. False without running it when the switch fails. `name` labels the host's log.
+// action's result; an exception of the action passes through after the way back. False without
+// running it when the switch fails. `name` labels the host's log.
 bool DoActionAsRoot(const std::string& name, const std::function<bool()>& action);
 
-// One child process from an argument vector (argv[0] is the program's path, executed as it is, never
-// searched for). It is started by ProcessPipeline::Run, or by Start.
+// One child process from an argument vector, started by ProcessPipeline::Run. argv[0] is the
+// program's absolute path, executed as it is, never searched for.
 //
-// What the child inherits: standard input as given, standard output and error null unless redirected
-// by Stdout() of another process, the one pipe named by a "pipe:N" or "fd:N" argument above 2, default
-// signal handlers, an empty signal mask, and a clean environment. It is killed when its parent ends.
+// What the child inherits: standard input as given; standard output null unless another process
+// reads it through Stdout(); standard error null; the one pipe named by an argument "pipe:N" or
+// "fd:N" with N above 2 (the last one counts); the effective user and group of the caller, as real
+// ones too; default signal handlers and an empty signal mask; umask 022; of the environment PATH,
+// HOME and TARN_CODEC_PKG_NAME. It is killed when its parent ends, however that happens.
 class Subprocess {
  public:
   // Where standard input comes from.
@@ -41,36 +46,27 @@ class Subprocess {
   Subprocess(const Subprocess&) = delete;
   Subprocess& operator=(const Subprocess&) = delete;
 
-  // An input that reads this process's standard output through a pipe. Both processes must then run
-  // in one pipeline; this object must outlive the reader's start.
+  // An input that reads this process's standard output through a pipe. The reader must be added
+  // after this process to the same pipeline.
   Input Stdout();
 
-  // Starts the child. False when it could not be forked or its program not be executed (the reason is
-  // logged); nothing is then left running.
-  bool Start();
-
-  // The child's pid while it runs and until it was waited for; 0 otherwise.
-  pid_t pid() const { return pid_; }
-
  protected:
-  // Runs in the child just before the program is executed; false ends the child with status 1.
+  // Runs in the child just before the program is executed, with every signal blocked; false (or an
+  // exception) ends the child with status 1, and then it counts as not started.
   virtual bool BeforeExec();
-  // Runs in the parent after the child was reaped, with its pid.
+  // Runs in the parent after the child was reaped, with its pid; also when its program could not be
+  // executed.
   virtual void OnEnd(pid_t pid);
 
  private:
   friend class ProcessPipeline;
 
-  std::vector<std::string> argv_;
-  Subprocess* source_;         // whose standard output is our input
-  int stdout_read_ = -1;       // read end of the pipe from our standard output
-  bool stdout_wanted_ = false;
-  pid_t pid_ = 0;
+  std::unique_ptr<SubprocessState> state_;
 };
 
-// A transcoder: a Subprocess that asks `load_check` in the child just before the program is executed
-// (the check registers the calling process as the transcoder) and calls `on_end` in the parent once
-// the child was reaped.
+// A transcoder: a Subprocess that asks `load_check` in the child just before the program is
+// executed (the check registers the calling process as the transcoder) and calls `on_end` in the
+// parent once the child was reaped. Either may be empty.
 class SubprocessTranscode : public Subprocess {
  public:
   SubprocessTranscode(std::vector<std::string> argv, const Input& input, void (*on_end)(int pid),
@@ -101,11 +97,13 @@ class ProcessPipeline {
 
   void AddProcess(std::unique_ptr<Subprocess> process);
 
-  // Starts them in order and waits for all of them. SIGINT and SIGTERM that arrive meanwhile are
-  // forwarded to every running process; one that ignores them gets SIGTERM after 3 s and SIGKILL
-  // after 5 s. When one cannot be started the others are stopped. On return nothing that was started
-  // is alive, every end was reported, and the caller's own handlers are back. True when all started
-  // and exited with status 0.
+  // Starts the processes in order, each once the one before it executes its program, and waits for
+  // all of them. SIGINT and SIGTERM that arrive meanwhile are forwarded to every running process;
+  // one that still runs 3 s after the first of them gets SIGTERM, and SIGKILL after 5 s. When a
+  // process cannot be started (the reason is logged) no further one is, and the running ones are
+  // stopped as by a SIGTERM. On return nothing that was started is alive, every end was reported,
+  // and the caller's own handlers and mask are back. True when all were started and exited with
+  // status 0; a status that the caller's ignored SIGCHLD hides counts as 0. A pipeline runs once.
   bool Run();
 
  private:
