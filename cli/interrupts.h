@@ -1,0 +1,24 @@
+// SIGINT, SIGTERM and SIGHUP as a flag, for commands that must clean up before they end.
+#pragma once
+
+#include <signal.h>
+
+namespace tarncli {
+
+class Interrupts {
+ public:
+  // Signals that were ignored when the command was started (nohup, a background job) stay ignored.
+  Interrupts();
+  ~Interrupts();
+  Interrupts(const Interrupts&) = delete;
+  Interrupts& operator=(const Interrupts&) = delete;
+
+  // Throws Interrupted once a signal has come.
+  void Check() const;
+
+ private:
+  static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
+  struct sigaction previous_[3];
+};
+
+}  // namespace tarncli

@@ -1,0 +1,407 @@
+// tarnvte plan: what the engine would do with a video, and why, without doing it.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "command.h"
+#include "interrupts.h"
+#include "platform_word.h"
+#include "prepared_stream.h"
+#include "registry_view.h"
+#include "tarnvte/argument_helper.h"
+#include "tarnvte/vteutils.h"
+#include "tarnvte/webm_stream.h"
+#include "text.h"
+
+namespace tarncli {
+namespace {
+
+using LibTarnVTE::ArgumentHelper;
+using LibTarnVTE::VTEMetaData;
+
+constexpr char kFooter[] =
+    "Examples:\n"
+    "  tarnvte plan movie.mkv\n"
+    "  tarnvte plan movie.mkv --start 600 --shell > command.sh\n"
+    "  tarnvte plan movie.mkv --kind HLS --profile KEY --json\n"
+    "\n"
+    "A refused plan is still printed; the exit status is the one that the stream would have.\n";
+
+constexpr char kSandboxMarker[] = "/run/tarnvte-sandbox";
+constexpr char kProductInfo[] = "/etc.defaults/tarninfo.conf";
+
+struct PlanOptions {
+  StreamRequest request;
+  std::string platform;
+  std::string audio;
+  unsigned start = 0;
+  bool json = false;
+  bool shell = false;
+};
+
+// The decisions that every kind of stream shares.
+class DecidedStream : public LibTarnVTE::VTEStream {
+ public:
+  DecidedStream(const std::string& stream_id, const std::string& type, unsigned start)
+      : VTEStream(stream_id, type), start_(start) {}
+  int GetSeekTimeInMillisecond() const override { return static_cast<int>(start_ * 1000); }
+
+  using VTEStream::is_gstreamer;
+  using VTEStream::is_hardware;
+  using VTEStream::is_remux;
+  using VTEStream::is_vaapi_ffmpeg;
+  using VTEStream::metadata;
+  using VTEStream::profile_value;
+
+ private:
+  unsigned start_;
+};
+
+class PlannedWebM : public LibTarnVTE::WebMStream {
+ public:
+  PlannedWebM(const std::string& stream_id, unsigned start) : WebMStream(stream_id) {
+    seek_seconds = start;
+  }
+};
+
+// Lets a sandbox play another machine. Anywhere else this would be the host's own configuration.
+void PretendPlatform(const std::string& word) {
+  struct stat status {};
+  if (stat(kSandboxMarker, &status) != 0 || !S_ISDIR(status.st_mode)) {
+    throw Failure{Exit::kUsage,
+                  "--platform works in the sandbox only (build/dev/sandbox tarnvte plan ...)", ""};
+  }
+  if (word.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789_") != std::string::npos) {
+    throw Failure{Exit::kUsage, "--platform: a word such as apollolake or rtd1296_kx510", ""};
+  }
+  std::ofstream file(kProductInfo);
+  file << "unique=\"tarn_" << word << "\"\n";
+  file.close();
+  if (!file) throw Failure{Exit::kFailure, std::string(kProductInfo) + ": cannot be written", ""};
+}
+
+// The option's value in an option list, or "".
+std::string OptionValue(const std::vector<std::string>& options,
+                        std::initializer_list<const char*> names) {
+  for (size_t i = 0; i + 1 < options.size(); ++i) {
+    for (const char* name : names) {
+      if (options[i] == name) return options[i + 1];
+    }
+  }
+  return "";
+}
+
+std::vector<std::string> ProfileOptions(const DecidedStream& stream) {
+  return LibTarnVTE::StringExplode(stream.profile_value, " \n");
+}
+
+std::string WhyMode(const DecidedStream& stream) {
+  if (stream.is_remux) return "the profile copies the video";
+  if (stream.is_gstreamer) return "a launcher profile, on a platform with the hardware launcher";
+  const std::string encoder = OptionValue(ProfileOptions(stream), {"-vcodec", "-c:v", "--vcodec"});
+  const std::string profile =
+      encoder.empty() ? "the profile names no encoder" : "the profile encodes with " + encoder;
+  if (stream.is_hardware) return profile + ", which this platform's hardware does";
+  if (stream.is_vaapi_ffmpeg) return profile + ", which this platform's hardware does not do";
+  return profile;
+}
+
+unsigned ParseBitRate(const std::string& text) {
+  const unsigned long number = std::strtoul(text.c_str(), nullptr, 10);
+  return static_cast<unsigned>(!text.empty() && text.back() == 'k' ? number * 1000 : number);
+}
+
+// Where the size is scaled in the filter chain: "...,scale_vaapi=w=1280:h=720...".
+void ReadFilterSize(const std::string& filter, unsigned& width, unsigned& height) {
+  const size_t w = filter.find(",scale_vaapi=w=");
+  const size_t h = filter.find(":h=", w == std::string::npos ? 0 : w);
+  if (w == std::string::npos || h == std::string::npos) return;
+  width = static_cast<unsigned>(std::strtoul(filter.c_str() + w + 15, nullptr, 10));
+  height = static_cast<unsigned>(std::strtoul(filter.c_str() + h + 3, nullptr, 10));
+}
+
+void ReadOutputSize(const std::vector<std::string>& options, unsigned& width, unsigned& height) {
+  const std::string size = OptionValue(options, {"-s"});
+  const size_t x = size.find('x');
+  if (x != std::string::npos) {
+    width = static_cast<unsigned>(std::strtoul(size.c_str(), nullptr, 10));
+    height = static_cast<unsigned>(std::strtoul(size.c_str() + x + 1, nullptr, 10));
+    return;
+  }
+  for (const std::string& option : options) ReadFilterSize(option, width, height);
+}
+
+Json::Value DescribeVideo(const DecidedStream& stream) {
+  const VTEMetaData& source = stream.metadata;
+  const std::vector<std::string> options = ProfileOptions(stream);
+  Json::Value video(Json::objectValue);
+  video["mode"] = stream.is_remux ? "remux" : "transcode";
+  video["path"] = stream.is_hardware ? "hardware" : "software";
+  video["transcoder"] = stream.is_gstreamer ? "gstreamer" : "ffmpeg";
+  video["why"] = WhyMode(stream);
+  video["source_codec"] = source.GetVideoCodecName();
+  video["source_width"] = source.GetVideoResolutionX();
+  video["source_height"] = source.GetVideoResolutionY();
+  video["source_framerate"] = source.GetVideoFramerate();
+  if (stream.is_remux) return video;
+  const ArgumentHelper helper(source);
+  video["capability"] = helper.AbleToTranscodeTheVideo(stream.is_hardware, true);
+  unsigned width = source.GetVideoDisplayX();
+  unsigned height = source.GetVideoDisplayY();
+  ReadOutputSize(stream.ForceFFmpegVideoSize(options, false), width, height);
+  video["width"] = width;
+  video["height"] = height;
+  const std::string wanted = OptionValue(options, {"-vb", "--vb", "-b:v"});
+  if (!wanted.empty()) {
+    video["bitrate_wanted"] = ParseBitRate(wanted);
+    video["bitrate_justified"] = helper.GetTransVideoBitrate(ParseBitRate(wanted));
+  }
+  return video;
+}
+
+std::string AudioCodec(const DecidedStream& stream, const PlanOptions& options) {
+  if (options.request.kind == "WEBM") {
+    return LibTarnVTE::GetAndCheckWebmAudioCodec(options.audio, stream.metadata);
+  }
+  if (options.request.kind == "HLS") {
+    return LibTarnVTE::GetAndCheckHlsAudioCodec(options.audio, "aac", stream.metadata);
+  }
+  return OptionValue(ProfileOptions(stream), {"-acodec", "--acodec", "-c:a"});
+}
+
+// Null for a file without audio.
+Json::Value DescribeAudio(const DecidedStream& stream, const PlanOptions& options) {
+  const ArgumentHelper helper(stream.metadata);
+  if (helper.ZeroAudioTrack()) return Json::nullValue;
+  Json::Value audio(Json::objectValue);
+  const Json::Value track = helper.GetAudioTrackInfoByID(options.audio);
+  audio["id"] = track.isNull() ? Json::Value(options.audio) : track["id"];
+  audio["found"] = !track.isNull();
+  audio["source_codec"] = track.isNull() ? Json::Value("") : track["codec"];
+  audio["source_channels"] = track.isNull() ? Json::Value(0) : track["channel"];
+  audio["decodable"] = helper.AbleToDecodeAudio(options.audio);
+  audio["output_codec"] = AudioCodec(stream, options);
+  return audio;
+}
+
+Json::Value DescribeRoom(bool hardware) {
+  RegistryView registry;
+  Json::Value room = registry.Kind(hardware);
+  room["offline_conversion"] = registry.IsOffineConverting();
+  return room;
+}
+
+// What the stream's Init would answer. An HLS stream may also pause an offline conversion, which a
+// plan must not.
+void Ask(DecidedStream& stream, const PlanOptions& options, Json::Value& plan) {
+  plan["accepted"] = stream.InitStreamCommon(options.audio, false);
+  const std::string word = stream.GetErrorString();
+  plan["error"] = word;
+  if (plan["accepted"].asBool()) return;
+  const Failure failure = RefusedBy(word, Printable(options.request.file));
+  plan["message"] = failure.message;
+  plan["status"] = static_cast<int>(failure.status);
+}
+
+Json::Value Arguments(const PreparedStream& prepared, const PlanOptions& options) {
+  // The choice of a refused stream is not recorded by the engine; the command shows it all the
+  // same.
+  PlannedWebM stream(prepared.id(), options.start);
+  if (!options.audio.empty()) {
+    LibTarnVTE::SaveFile(stream.GetVTEFileFullPath("audio_id"), options.audio);
+  }
+  Json::Value list(Json::arrayValue);
+  const std::vector<std::string> own = stream.CalculateFFmpegArgument();
+  if (own.empty()) return list;
+  for (const std::string& argument :
+       stream.CalculateFFmpegTranscodingArgument(false, own, "pipe:1")) {
+    list.append(argument);
+  }
+  return list;
+}
+
+Json::Value MakePlan(const PlanOptions& options) {
+  const Interrupts interrupts;
+  const PreparedStream prepared(options.request);
+  interrupts.Check();
+  DecidedStream stream(prepared.id(), options.request.kind, options.start);
+  const std::string file = Printable(options.request.file);
+  if (stream.metadata.GetVideoResolutionX() == 0) {
+    throw Failure{Exit::kFile, file + ": has no video track", ""};
+  }
+  if (options.start > stream.metadata.GetDuration()) {
+    throw Failure{Exit::kUsage,
+                  file + ": --start lies behind the end, " +
+                      std::to_string(stream.metadata.GetDuration()) + " s",
+                  ""};
+  }
+  Json::Value plan(Json::objectValue);
+  plan["path"] = prepared.path();
+  plan["kind"] = options.request.kind;
+  plan["profile"] = options.request.profile_key;
+  plan["start"] = options.start;
+  plan["platform"] = PlatformWord();
+  plan["video"] = DescribeVideo(stream);
+  plan["audio"] = DescribeAudio(stream, options);
+  // A copied video needs no room: the registry is not asked.
+  if (!stream.is_remux) plan["room"] = DescribeRoom(stream.is_hardware);
+  Ask(stream, options, plan);
+  if (options.request.kind == "WEBM") plan["arguments"] = Arguments(prepared, options);
+  interrupts.Check();
+  return plan;
+}
+
+std::vector<std::string> ToStrings(const Json::Value& list) {
+  std::vector<std::string> strings;
+  for (const Json::Value& item : list) strings.push_back(item.asString());
+  return strings;
+}
+
+std::string Size(const Json::Value& video, const char* width, const char* height) {
+  return video[width].asString() + "x" + video[height].asString();
+}
+
+std::string VideoText(const Json::Value& video) {
+  std::string text = Printable(video["source_codec"].asString()) + " " +
+                     Size(video, "source_width", "source_height") + ", " +
+                     FormatNumber(video["source_framerate"].asDouble()) + " fps";
+  if (video.isMember("width")) text += " -> " + Size(video, "width", "height");
+  return text;
+}
+
+std::string BitRateText(const Json::Value& plan) {
+  const unsigned wanted = plan["video"]["bitrate_wanted"].asUInt();
+  const unsigned justified = plan["video"]["bitrate_justified"].asUInt();
+  std::string text = FormatBitRate(wanted) + " wanted, ";
+  text += justified == wanted ? "which the source justifies"
+                              : FormatBitRate(justified) + " justified by the source";
+  if (plan["kind"].asString() == "WEBM" && justified != wanted) {
+    text += " (a WEBM stream takes what is wanted)";
+  }
+  return text;
+}
+
+std::string AudioText(const Json::Value& audio) {
+  if (audio.isNull()) return "none";
+  const std::string id = Printable(audio["id"].asString());
+  if (!audio["found"].asBool()) return "no track has the id " + id;
+  std::string text = "track " + id + ", " + Printable(audio["source_codec"].asString()) + ", " +
+                     audio["source_channels"].asString() + " channels";
+  if (!audio["decodable"].asBool()) return text + ": cannot be decoded";
+  const std::string output = audio["output_codec"].asString();
+  if (output.empty()) return text;
+  return text + (output == "copy" ? ", copied" : " -> " + Printable(output));
+}
+
+std::string RoomText(const Json::Value& room, bool hardware) {
+  std::string text = room["running"].asString() + " of " + room["limit"].asString() +
+                     (hardware ? " hardware" : " software") + " transcoders running, " +
+                     (room["room"].asBool() ? "one more may start" : "no room");
+  if (room["offline_conversion"].asBool()) text += "; an offline conversion is running";
+  return text;
+}
+
+std::string Listing(const PlanOptions& options, const Json::Value& plan) {
+  const Json::Value& video = plan["video"];
+  const bool hardware = video["path"].asString() == "hardware";
+  const bool remux = video["mode"].asString() == "remux";
+  const std::string platform = plan["platform"].asString();
+  std::vector<std::vector<std::string>> rows = {
+      {"kind", plan["kind"].asString() + ", profile " + Printable(plan["profile"].asString())},
+      {"platform", platform.empty() ? "none named" : Printable(platform)},
+      {"decision", (remux ? "copy the video" : "transcode in " + video["path"].asString()) +
+                       " with " + video["transcoder"].asString() + ": " +
+                       Printable(video["why"].asString())},
+      {"video", VideoText(video)},
+  };
+  if (video.isMember("bitrate_wanted")) rows.push_back({"bit rate", BitRateText(plan)});
+  rows.push_back({"audio", AudioText(plan["audio"])});
+  if (plan.isMember("room")) rows.push_back({"room", RoomText(plan["room"], hardware)});
+  if (video.isMember("capability")) {
+    rows.push_back({"capability", "code " + video["capability"].asString()});
+  }
+  const std::string word = plan["error"].asString();
+  rows.push_back({"answer", plan["accepted"].asBool() ? "accepted"
+                            : word.empty()            ? "refused"
+                                                      : "refused: " + word});
+  std::string text = Printable(options.request.file) + "\n" + FormatTable(rows, "  ") + "\n";
+  if (!plan.isMember("arguments")) {
+    return text + "The command of a " + plan["kind"].asString() +
+           " stream is not available in this version.\n";
+  }
+  if (plan["arguments"].empty()) return text + "No command can be built for this file.\n";
+  text += "Command, one argument a line (--shell prints it as one line):\n";
+  for (const std::string& argument : ToStrings(plan["arguments"])) {
+    text += "  " + Printable(argument) + "\n";
+  }
+  return text;
+}
+
+Exit Answer(const Json::Value& plan) {
+  if (plan["accepted"].asBool()) return Exit::kSuccess;
+  throw Failure{static_cast<Exit>(plan["status"].asInt()), plan["message"].asString(),
+                plan["error"].asString()};
+}
+
+Exit RunPlan(PlanOptions options, Command& command) {
+  if (!options.platform.empty()) PretendPlatform(options.platform);
+  CompleteProfile(options.request);
+  const Json::Value plan = MakePlan(options);
+  if (options.shell) {
+    if (plan["arguments"].empty()) {
+      throw Failure{Exit::kUsage, "--shell: no command is available for this kind or file", ""};
+    }
+    Print(ShellLine(ToStrings(plan["arguments"])) + "\n");
+  } else {
+    Print(options.json ? JsonLine(plan) : Listing(options, plan));
+  }
+  // The plan is the JSON object already, refusal included.
+  command.json = false;
+  return Answer(plan);
+}
+
+}  // namespace
+
+void AddPlan(CLI::App& app, Command& command) {
+  CLI::App* sub = app.add_subcommand("plan", "Show what the engine would do with a video, and why");
+  auto options = std::make_shared<PlanOptions>();
+  StreamRequest& request = options->request;
+  request.kind = "WEBM";
+  sub->add_option("file", request.file, "The video file")->required()->type_name("FILE");
+  sub->add_option("--kind", request.kind, "Kind of stream: WEBM (default), HLS, SS or HTTP")
+      ->transform(CLI::IsMember({"WEBM", "HLS", "SS", "HTTP"}, CLI::ignore_case))
+      ->type_name("KIND");
+  sub->add_option("--profile", request.profile_key,
+                  "Transcoding profile (default for WEBM: " + DefaultProfileKey("WEBM") + ")")
+      ->type_name("KEY");
+  sub->add_option("--profile-file", request.profile_file,
+                  "File with transcoding profiles (default: the shipped file of the kind)")
+      ->type_name("PATH");
+  sub->add_option("--audio", options->audio,
+                  "Audio track by its id in \"tarnvte probe\" (default: the first)")
+      ->type_name("ID");
+  sub->add_option("--start", options->start, "Start at this second of the video")
+      ->check(CLI::Range(0, 2147483))
+      ->type_name("S");
+  sub->add_option("--device", request.device, "Name of the client device, such as chromecast")
+      ->type_name("NAME");
+  sub->add_option("--platform", options->platform,
+                  "In the sandbox only: plan for this platform, such as apollolake, monaco or "
+                  "rtd1296_kx510")
+      ->type_name("WORD");
+  CLI::Option* json = sub->add_flag("--json", options->json, "Print one line of JSON");
+  sub->add_flag("--shell", options->shell, "Print only the command, quoted for a shell")
+      ->excludes(json);
+  sub->footer(kFooter);
+  sub->callback([options, &command] {
+    command.json = options->json;
+    command.run = [options, &command] { return RunPlan(*options, command); };
+  });
+}
+
+}  // namespace tarncli

@@ -1,0 +1,123 @@
+#include "prepared_stream.h"
+
+#include <json/value.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+#include "tarnvte/json_utils.h"
+#include "tarnvte/libtarnvte.h"
+#include "tarnvte/video_metadata.h"
+#include "tarnvte/vteutils.h"
+#include "text.h"
+
+namespace tarncli {
+namespace {
+
+constexpr char kProfileFolder[] = "/var/packages/Reelbay/target/share/profiles/";
+
+// Enough of a stream to take one apart by its identifier, whatever its kind.
+class AnyStream : public LibTarnVTE::VTEStream {
+ public:
+  using VTEStream::VTEStream;
+  int GetSeekTimeInMillisecond() const override { return 0; }
+};
+
+Failure FileFailure(const std::string& file, const std::string& reason) {
+  return {Exit::kFile, Printable(file) + ": " + reason, ""};
+}
+
+bool CanProbe(const std::string& path) {
+  LibTarnVTE::VideoMetaData metadata;
+  Json::Value document;
+  return metadata.ReadMetaDataFromFFMPEG(path, document);
+}
+
+}  // namespace
+
+std::string DefaultProfileFile(const std::string& kind) {
+  const char* name = kind == "WEBM"  ? "webm.json"
+                     : kind == "HLS" ? "hls.json"
+                     : kind == "SS"  ? "smooth.json"
+                                     : "http.json";
+  return std::string(kProfileFolder) + name;
+}
+
+std::string DefaultProfileKey(const std::string& kind) {
+  return kind == "WEBM" ? "webm_vp8_hd720" : "";
+}
+
+std::string ResolveVideo(const std::string& file) {
+  std::unique_ptr<char, decltype(&std::free)> path(realpath(file.c_str(), nullptr), &std::free);
+  if (path == nullptr) throw FileFailure(file, std::strerror(errno));
+  struct stat status {};
+  if (stat(path.get(), &status) != 0) throw FileFailure(file, std::strerror(errno));
+  if (S_ISDIR(status.st_mode)) throw FileFailure(file, "is a folder, not a video file");
+  if (!S_ISREG(status.st_mode)) throw FileFailure(file, "is not a regular file");
+  if (status.st_size == 0) throw FileFailure(file, "is empty");
+  if (access(path.get(), R_OK) != 0) throw FileFailure(file, std::strerror(errno));
+  return path.get();
+}
+
+void CompleteProfile(StreamRequest& request) {
+  if (request.profile_file.empty()) request.profile_file = DefaultProfileFile(request.kind);
+  const std::string& file = request.profile_file;
+  Json::Value profiles;
+  if (access(file.c_str(), R_OK) != 0) throw FileFailure(file, std::strerror(errno));
+  if (!LibReelbay::ReadJsonFromFileWithoutLock(file, profiles) || !profiles.isObject()) {
+    throw FileFailure(file, "is not a profile file (a JSON object is expected)");
+  }
+  std::string known;
+  for (const std::string& name : profiles.getMemberNames()) known += "\n  " + Printable(name);
+  if (request.profile_key.empty()) request.profile_key = DefaultProfileKey(request.kind);
+  if (request.profile_key.empty()) {
+    throw Failure{Exit::kUsage, "choose a profile with --profile; " + file + " has:" + known, ""};
+  }
+  if (!profiles.isMember(request.profile_key)) {
+    throw Failure{Exit::kUsage,
+                  Printable(file) + ": has no profile \"" + Printable(request.profile_key) +
+                      "\", but:" + known,
+                  ""};
+  }
+  if (!profiles[request.profile_key].isString()) {
+    throw FileFailure(file, "profile \"" + Printable(request.profile_key) + "\" is not a string");
+  }
+}
+
+PreparedStream::PreparedStream(const StreamRequest& request)
+    : kind_(request.kind), path_(ResolveVideo(request.file)) {
+  // The identifier is chosen here, so that a failed preparation can be removed too.
+  id_ = LibTarnVTE::VTEStream::GetRandStreamID(path_);
+  LibTarnVTE::VTEInitArgument argument(path_, kind_, request.profile_file, request.profile_key);
+  argument.params["stream_id"] = id_;
+  argument.device = request.device;
+  const std::string answer = LibTarnVTE::VTEStream::VTE_Init(argument);
+  if (answer == id_ && !id_.empty()) return;
+  Remove();
+  const std::string file = Printable(request.file);
+  if (!answer.empty()) throw RefusedBy(answer, file);
+  if (!CanProbe(path_)) throw FileFailure(request.file, "is not a video that can be read");
+  throw Failure{Exit::kFailure, file + ": the stream could not be prepared (try --verbose)", ""};
+}
+
+PreparedStream::~PreparedStream() { Remove(); }
+
+void PreparedStream::Remove() {
+  if (id_.empty()) return;
+  const std::string directory = LibTarnVTE::GetVTEFileFullPath(id_, kind_, "");
+  if (directory.empty()) return;
+  AnyStream stream(id_, kind_);
+  // Waiting for the monitor means that no transcoder is left when the command returns.
+  if (LibTarnVTE::VerifyFileExist(directory)) stream.SaveMonitorPid(0, true);
+  stream.CloseStreamCommon();
+  // The engine leaves the small directory of an HTTP stream to its caller.
+  std::error_code ignored;
+  std::filesystem::remove_all(directory, ignored);
+}
+
+}  // namespace tarncli

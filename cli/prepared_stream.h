@@ -1,0 +1,51 @@
+// A video file and a transcoding profile, prepared by the engine as one stream.
+#pragma once
+
+#include <string>
+
+#include "command.h"
+
+namespace tarncli {
+
+// Where the shipped profiles lie, by kind word ("WEBM", "HLS", "HTTP", "SS").
+std::string DefaultProfileFile(const std::string& kind);
+// The profile that serves any player of that kind; empty where the user must choose.
+std::string DefaultProfileKey(const std::string& kind);
+
+// The absolute path of a regular, readable file. Throws Failure, with the name as the user typed
+// it.
+std::string ResolveVideo(const std::string& file);
+
+struct StreamRequest {
+  std::string file;  // as the user typed it, for messages
+  std::string kind;
+  std::string profile_file;  // empty: the shipped file of that kind
+  std::string profile_key;   // empty: the default of that kind
+  std::string device;
+};
+
+// Fills in what the user left out. Throws Failure when the profile does not exist.
+void CompleteProfile(StreamRequest& request);
+
+// Prepared for the object's lifetime; whatever the engine made for the stream is removed with it,
+// whether preparation succeeded or not.
+class PreparedStream {
+ public:
+  // Throws Failure. The request is complete.
+  explicit PreparedStream(const StreamRequest& request);
+  ~PreparedStream();
+  PreparedStream(const PreparedStream&) = delete;
+  PreparedStream& operator=(const PreparedStream&) = delete;
+
+  const std::string& id() const { return id_; }
+  const std::string& path() const { return path_; }
+
+ private:
+  void Remove();
+
+  std::string kind_;
+  std::string path_;
+  std::string id_;
+};
+
+}  // namespace tarncli

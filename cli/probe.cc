@@ -1,0 +1,132 @@
+// tarnvte probe: what the engine knows about a video file.
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "command.h"
+#include "prepared_stream.h"
+#include "tarnvte/video_metadata.h"
+#include "text.h"
+
+namespace tarncli {
+namespace {
+
+constexpr char kFooter[] =
+    "Examples:\n"
+    "  tarnvte probe movie.mkv\n"
+    "  tarnvte probe --json movie.mkv | jq .track_info.audio\n";
+
+struct ProbeOptions {
+  std::string file;
+  bool json = false;
+  bool pretty = false;
+};
+
+void AddPart(std::string& text, const std::string& part) {
+  if (part.empty()) return;
+  if (!text.empty()) text += ", ";
+  text += part;
+}
+
+std::string Text(const Json::Value& track, const char* key) {
+  return Printable(track[key].asString());
+}
+
+std::string VideoDetails(const Json::Value& video) {
+  std::string text = Text(video, "resolutionx") + "x" + Text(video, "resolutiony");
+  const std::string shown = Text(video, "display_x") + "x" + Text(video, "display_y");
+  if (shown != text) text += " (shown as " + shown + ")";
+  if (video.isMember("framerate"))
+    AddPart(text, FormatNumber(video["framerate"].asDouble()) + " fps");
+  AddPart(text, Text(video, "profile"));
+  AddPart(text, Text(video, "pix_fmt"));
+  if (video["bitrate"].asInt64() > 0) AddPart(text, FormatBitRate(video["bitrate"].asUInt64()));
+  if (video["rotate"].asInt() != 0) AddPart(text, "rotated " + Text(video, "rotate") + " degrees");
+  AddPart(text, Text(video, "language"));
+  return text;
+}
+
+std::string AudioDetails(const Json::Value& audio) {
+  std::string text = Text(audio, "channel_layout");
+  if (text.empty()) text = Text(audio, "channel") + " channels";
+  AddPart(text, Text(audio, "sample_rate") + " Hz");
+  AddPart(text, Text(audio, "profile"));
+  if (audio["bitrate"].asInt64() > 0) AddPart(text, FormatBitRate(audio["bitrate"].asUInt64()));
+  AddPart(text, Text(audio, "language"));
+  if (audio["is_default"].asBool()) AddPart(text, "default");
+  return text;
+}
+
+std::string SubtitleDetails(const Json::Value& subtitle) {
+  std::string text = Text(subtitle, "language");
+  AddPart(text, Text(subtitle, "title"));
+  return text;
+}
+
+std::string Duration(const Json::Value& document) {
+  // A file without a duration has the engine's wrapped negative number; no video lasts 24 days.
+  constexpr unsigned kLongest = 2147483;
+  const unsigned seconds = document["duration"].asUInt();
+  return seconds <= kLongest ? FormatSeconds(seconds) : "unknown";
+}
+
+std::string Listing(const ProbeOptions& options, const Json::Value& document) {
+  const std::string size = document["filesize"].asString();
+  std::vector<std::vector<std::string>> facts = {
+      {"container", Text(document, "container_type")},
+      {"duration", Duration(document)},
+      {"size", FormatBytes(std::strtoull(size.c_str(), nullptr, 10)) + " (" + size + ")"},
+  };
+  if (document["bitrate"].asInt64() > 0) {
+    facts.push_back({"bit rate", FormatBitRate(document["bitrate"].asUInt64())});
+  }
+  std::vector<std::vector<std::string>> tracks = {{"id", "track", "type", "codec", "details"}};
+  const Json::Value& table = document["track_info"];
+  for (const Json::Value& video : table["video"]) {
+    tracks.push_back({Text(video, "id"), Text(video, "track"), "video", Text(video, "codec"),
+                      VideoDetails(video)});
+  }
+  for (const Json::Value& audio : table["audio"]) {
+    tracks.push_back({Text(audio, "id"), Text(audio, "track"), "audio", Text(audio, "codec"),
+                      AudioDetails(audio)});
+  }
+  for (const Json::Value& subtitle : table["subtitle"]) {
+    tracks.push_back({Text(subtitle, "id"), Text(subtitle, "track"), "subtitle",
+                      Text(subtitle, "codec"), SubtitleDetails(subtitle)});
+  }
+  std::string listing = Printable(options.file) + "\n" + FormatTable(facts, "  ") + "\n";
+  return listing + (tracks.size() > 1 ? FormatTable(tracks, "  ") : "  no tracks\n");
+}
+
+Exit RunProbe(const ProbeOptions& options) {
+  const std::string path = ResolveVideo(options.file);
+  LibTarnVTE::VideoMetaData metadata;
+  Json::Value document;
+  if (!metadata.ReadMetaDataFromFFMPEG(path, document)) {
+    throw Failure{Exit::kFile, Printable(options.file) + ": is not a video that can be read", ""};
+  }
+  Print(options.json     ? JsonLine(document)
+        : options.pretty ? JsonPretty(document)
+                         : Listing(options, document));
+  return Exit::kSuccess;
+}
+
+}  // namespace
+
+void AddProbe(CLI::App& app, Command& command) {
+  CLI::App* sub = app.add_subcommand("probe", "Show a video's container, duration and tracks");
+  auto options = std::make_shared<ProbeOptions>();
+  sub->add_option("file", options->file, "The video file")->required()->type_name("FILE");
+  CLI::Option* json =
+      sub->add_flag("--json", options->json, "Print the metadata document as one line of JSON");
+  sub->add_flag("--pretty", options->pretty, "Print the metadata document as indented JSON")
+      ->excludes(json);
+  sub->footer(kFooter);
+  sub->callback([options, &command] {
+    command.json = options->json || options->pretty;
+    command.run = [options] { return RunProbe(*options); };
+  });
+}
+
+}  // namespace tarncli
