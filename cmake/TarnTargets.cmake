@@ -36,13 +36,14 @@ function(tarn_test name)
   if(ARG_PLATFORM STREQUAL "fake")
     set(platform platform_fake platform_linux)
   endif()
-  target_link_libraries(${name} PRIVATE ${ARG_LIBS} ${platform} GTest::gmock GTest::gtest_main
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} platform_api GTest::gmock GTest::gtest_main
                                         tarn_flags)
   target_compile_definitions(${name} PRIVATE
     TARN_TEST_MEDIA="${CMAKE_BINARY_DIR}/tests/media"
     TARN_TEST_DATA="${CMAKE_SOURCE_DIR}/tests"
     TARN_TEST_BIN="${CMAKE_BINARY_DIR}")
   set_target_properties(${name} PROPERTIES
+    TARN_PLATFORM "${platform}"
     RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/bin
     CROSSCOMPILING_EMULATOR ${CMAKE_BINARY_DIR}/sandbox)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_PREFIX "${name}."

@@ -217,10 +217,10 @@ TEST_F(OfflineDaemonTest, StreamThatMayNotStopItIsRefusedAndSignalsNobody) {
 TEST_F(OfflineDaemonTest, DaemonThatDoesNotYieldIsWaitedForThirtySecondsThenItsSlotDecides) {
   const Child daemon([] { tarn::InstallHandler(SIGUSR1, Count); });
   Start(daemon);
-  // Every look at the clock takes a tenth of a second off the half minute.
+  // Every look at the clock takes five seconds off the half minute.
   static int64_t now;
   now = 0;
-  tarn::SetMonotonicClock([] { return now += 100; });
+  tarn::SetMonotonicClock([] { return now += 5000; });
   TestStream stream;
   EXPECT_FALSE(stream.CheckTransLoading(true));
   const int64_t end = now;
@@ -228,7 +228,7 @@ TEST_F(OfflineDaemonTest, DaemonThatDoesNotYieldIsWaitedForThirtySecondsThenItsS
   EXPECT_EQ(stream.GetErrorString(), "TransEnable");
   EXPECT_EQ(*g_pauses, 1);
   EXPECT_GE(end, 30000);
-  EXPECT_LT(end, 33000);
+  EXPECT_LE(end, 45000);
 }
 
 TEST_F(OfflineDaemonTest, VaapiPlatformOnlySkipsTheTest) {
@@ -249,7 +249,7 @@ TEST_F(OfflineDaemonTest, StrangerWithTheDaemonsPidIsNotKilled) {
   Start(stranger);
   static int64_t now;
   now = 0;
-  tarn::SetMonotonicClock([] { return now += 1000; });
+  tarn::SetMonotonicClock([] { return now += 10000; });
   TestStream().CheckTransLoading(true);
   tarn::SetMonotonicClock(nullptr);
   EXPECT_TRUE(tarn::ProcessAlive(stranger.pid()));
