@@ -75,8 +75,8 @@ void LimitResources() {
   tarn::NullStandardStreams();
 #endif
   LimitResources();
-  tarn::FaultPoint("confined.child");
   try {
+    tarn::FaultPoint("confined.child");
     std::string text = work();
     text += kEndMark;
     _exit(tarn::WriteAll(out, text) ? 0 : 1);
