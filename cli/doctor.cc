@@ -44,7 +44,7 @@ constexpr char kDistributionFFmpeg[] = "/usr/bin/ffmpeg";
 constexpr char kVaapiDevice[] = "/dev/dri/renderD128";
 // What the shipped profiles ask for.
 constexpr const char* kEncoders[] = {"libvpx",     "libvpx-vp9", "libvorbis", "libopus", "libx264",
-                                     "libmp3lame", "aac",        "ac3",       "wmv2"};
+                                     "libmp3lame", "aac",        "ac3",       "wmv2",    "wmav2"};
 constexpr uint64_t kNeededSpace = 512ull << 20;
 
 enum class Result { kOk, kWarn, kFail };

@@ -125,15 +125,22 @@ void ReadFilterSize(const std::string& filter, unsigned& width, unsigned& height
   height = static_cast<unsigned>(std::strtoul(filter.c_str() + h + 3, nullptr, 10));
 }
 
-void ReadOutputSize(const std::vector<std::string>& options, unsigned& width, unsigned& height) {
+// The size in the adjusted options; the launcher's is a name that only the decision rules resolve.
+void ReadOutputSize(const DecidedStream& stream, unsigned& width, unsigned& height) {
+  const std::vector<std::string> options =
+      stream.ForceFFmpegVideoSize(ProfileOptions(stream), false);
+  const std::string name = OptionValue(options, {"--size"});
   const std::string size = OptionValue(options, {"-s"});
   const size_t x = size.find('x');
-  if (x != std::string::npos) {
+  if (!name.empty()) {
+    ArgumentHelper(stream.metadata)
+        .GetTransVideoSize(name, false, stream.GetMetaVideoRotate(), width, height);
+  } else if (x != std::string::npos) {
     width = static_cast<unsigned>(std::strtoul(size.c_str(), nullptr, 10));
     height = static_cast<unsigned>(std::strtoul(size.c_str() + x + 1, nullptr, 10));
-    return;
+  } else {
+    for (const std::string& option : options) ReadFilterSize(option, width, height);
   }
-  for (const std::string& option : options) ReadFilterSize(option, width, height);
 }
 
 Json::Value DescribeVideo(const DecidedStream& stream) {
@@ -153,7 +160,7 @@ Json::Value DescribeVideo(const DecidedStream& stream) {
   video["capability"] = helper.AbleToTranscodeTheVideo(stream.is_hardware, true);
   unsigned width = source.GetVideoDisplayX();
   unsigned height = source.GetVideoDisplayY();
-  ReadOutputSize(stream.ForceFFmpegVideoSize(options, false), width, height);
+  ReadOutputSize(stream, width, height);
   video["width"] = width;
   video["height"] = height;
   const std::string wanted = OptionValue(options, {"-vb", "--vb", "-b:v"});
@@ -164,14 +171,17 @@ Json::Value DescribeVideo(const DecidedStream& stream) {
   return video;
 }
 
+// The engine chooses in place of "-acodec"; an encoder that a profile names otherwise stays.
 std::string AudioCodec(const DecidedStream& stream, const PlanOptions& options) {
-  if (options.request.kind == "WEBM") {
+  const std::vector<std::string> profile = ProfileOptions(stream);
+  const bool chosen = !OptionValue(profile, {"-acodec"}).empty();
+  if (chosen && options.request.kind == "WEBM") {
     return LibTarnVTE::GetAndCheckWebmAudioCodec(options.audio, stream.metadata);
   }
-  if (options.request.kind == "HLS") {
+  if (chosen && options.request.kind == "HLS") {
     return LibTarnVTE::GetAndCheckHlsAudioCodec(options.audio, "aac", stream.metadata);
   }
-  return OptionValue(ProfileOptions(stream), {"-acodec", "--acodec", "-c:a"});
+  return OptionValue(profile, {"-acodec", "--acodec", "-c:a"});
 }
 
 // Null for a file without audio.
@@ -230,16 +240,7 @@ Json::Value MakePlan(const PlanOptions& options) {
   const PreparedStream prepared(options.request);
   interrupts.Check();
   DecidedStream stream(prepared.id(), options.request.kind, options.start);
-  const std::string file = Printable(options.request.file);
-  if (stream.metadata.GetVideoResolutionX() == 0) {
-    throw Failure{Exit::kFile, file + ": has no video track", ""};
-  }
-  if (options.start > stream.metadata.GetDuration()) {
-    throw Failure{Exit::kUsage,
-                  file + ": --start lies behind the end, " +
-                      std::to_string(stream.metadata.GetDuration()) + " s",
-                  ""};
-  }
+  CheckSource(stream.metadata, options.start, Printable(options.request.file));
   Json::Value plan(Json::objectValue);
   plan["path"] = prepared.path();
   plan["kind"] = options.request.kind;

@@ -12,7 +12,6 @@
 
 #include "tarnvte/json_utils.h"
 #include "tarnvte/libtarnvte.h"
-#include "tarnvte/video_metadata.h"
 #include "tarnvte/vteutils.h"
 #include "text.h"
 
@@ -49,7 +48,7 @@ std::string DefaultProfileFile(const std::string& kind) {
 }
 
 std::string DefaultProfileKey(const std::string& kind) {
-  return kind == "WEBM" ? "webm_vp8_hd720" : "";
+  return kind == "WEBM" ? "webm_hd720_vp8_vb1500_vorbis_ab128" : "";
 }
 
 std::string ResolveVideo(const std::string& file) {
@@ -87,6 +86,15 @@ void CompleteProfile(StreamRequest& request) {
   if (!profiles[request.profile_key].isString()) {
     throw FileFailure(file, "profile \"" + Printable(request.profile_key) + "\" is not a string");
   }
+}
+
+void CheckSource(const LibTarnVTE::VideoMetaData& source, unsigned start, const std::string& file) {
+  if (source.GetVideoResolutionX() == 0) throw FileFailure(file, "has no video track");
+  if (start <= source.GetDuration()) return;
+  throw Failure{Exit::kUsage,
+                file + ": --start lies behind the end, which is at " +
+                    std::to_string(source.GetDuration()) + " s",
+                ""};
 }
 
 PreparedStream::PreparedStream(const StreamRequest& request)

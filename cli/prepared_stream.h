@@ -4,6 +4,7 @@
 #include <string>
 
 #include "command.h"
+#include "tarnvte/video_metadata.h"
 
 namespace tarncli {
 
@@ -26,6 +27,10 @@ struct StreamRequest {
 
 // Fills in what the user left out. Throws Failure when the profile does not exist.
 void CompleteProfile(StreamRequest& request);
+
+// The source has a picture, and `start` (seconds) does not lie behind its end. Throws Failure,
+// naming it `file`.
+void CheckSource(const LibTarnVTE::VideoMetaData& source, unsigned start, const std::string& file);
 
 // Prepared for the object's lifetime; whatever the engine made for the stream is removed with it,
 // whether preparation succeeded or not.

@@ -65,10 +65,8 @@ std::string SubtitleDetails(const Json::Value& subtitle) {
 }
 
 std::string Duration(const Json::Value& document) {
-  // A file without a duration has the engine's wrapped negative number; no video lasts 24 days.
-  constexpr unsigned kLongest = 2147483;
   const unsigned seconds = document["duration"].asUInt();
-  return seconds <= kLongest ? FormatSeconds(seconds) : "unknown";
+  return KnownDuration(seconds) == seconds ? FormatSeconds(seconds) : "unknown";
 }
 
 std::string Listing(const ProbeOptions& options, const Json::Value& document) {

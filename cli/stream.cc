@@ -132,14 +132,8 @@ Exit RunStream(StreamOptions options, bool verbose) {
   const PreparedStream prepared(options.request);
   interrupts.Check();
   ByteStream stream(prepared.id());
-  if (stream.source().GetVideoResolutionX() == 0) {
-    throw Failure{Exit::kFile, file + ": has no video track", ""};
-  }
-  const unsigned duration = stream.source().GetDuration();
-  if (options.start > duration) {
-    throw Failure{Exit::kUsage,
-                  file + ": --start lies behind the end, " + std::to_string(duration) + " s", ""};
-  }
+  CheckSource(stream.source(), options.start, file);
+  const unsigned duration = KnownDuration(stream.source().GetDuration());
   if (!stream.Init(options.audio)) throw RefusedBy(stream.GetErrorString(), file);
   interrupts.Check();
   if (!stream.Transcoding(static_cast<int>(options.start))) {

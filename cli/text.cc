@@ -48,6 +48,11 @@ std::string Printable(const std::string& text) {
   return clean;
 }
 
+unsigned KnownDuration(unsigned seconds) {
+  constexpr unsigned kLongest = 2147483;
+  return seconds <= kLongest ? seconds : 0;
+}
+
 std::string FormatSeconds(uint64_t seconds) {
   char text[48];
   std::snprintf(text, sizeof text, "%llu:%02u:%02u",

@@ -20,6 +20,10 @@ std::string JsonPretty(const Json::Value& value);
 // Text out of a file or the file system, safe on a terminal: control bytes become "?".
 std::string Printable(const std::string& text);
 
+// A probed duration in seconds; 0 where the file did not tell (the engine keeps a wrapped negative
+// number then, and no video lasts 24 days).
+unsigned KnownDuration(unsigned seconds);
+
 // 75 s is "0:01:15".
 std::string FormatSeconds(uint64_t seconds);
 // 1287002 is "1.2 MiB".
