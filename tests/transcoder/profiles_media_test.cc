@@ -148,8 +148,12 @@ class ByteStreamProfile : public Profile {
     EXPECT_EQ(format, names.at(container));
     // The two relatives tell themselves apart in their first bytes.
     const std::string start = bytes.substr(0, 64);
-    if (container == "WebM") EXPECT_THAT(start, HasSubstr("webm"));
-    if (container == "Matroska") EXPECT_THAT(start, HasSubstr("matroska"));
+    if (container == "WebM") {
+      EXPECT_THAT(start, HasSubstr("webm"));
+    }
+    if (container == "Matroska") {
+      EXPECT_THAT(start, HasSubstr("matroska"));
+    }
   }
 };
 
