@@ -33,7 +33,7 @@ ninja -C "$work/outside/build" >"$work/build.log"
 export PKG_CONFIG_PATH=$stage$prefix/$libdir/pkgconfig
 # shellcheck disable=SC2046,SC2086
 "$compiler" -std=c++20 $flags "$work/outside/embed.cc" -o "$work/outside/embed-pc" \
-  $(pkg-config --define-variable=prefix="$stage$prefix" --cflags --libs tarnvte) \
+  $(pkg-config --cflags --libs tarnvte) \
   -Wl,-rpath,"$stage$prefix/$libdir"
 
 for program in "$work/outside/build/embed" "$work/outside/embed-pc"; do
