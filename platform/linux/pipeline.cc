@@ -47,7 +47,7 @@ class PipelineRun {
 
   bool Run() {
     for (;;) {
-      ReapEnded();
+      LookAtProcesses();
       if (MayStartNext()) {
         StartNext();
       } else if (AnyRunning()) {
@@ -87,12 +87,14 @@ class PipelineRun {
     }
   }
 
-  void ReapEnded() {
+  void LookAtProcesses() {
     for (SubprocessState* process : processes_) {
+      if (!process->running()) continue;
       bool succeeded = false;
-      if (!process->running() || !process->ReapIfEnded(succeeded)) continue;
-      succeeded_ = succeeded_ && succeeded;
-      if (process->State() == tarn::StartState::kFailed) Stop(SIGTERM);
+      if (process->ReapIfEnded(succeeded)) succeeded_ = succeeded_ && succeeded;
+      // Asked for in any case: a report that stays unread would end every wait at once.
+      const bool failed = process->State() == tarn::StartState::kFailed;
+      if (failed && !stopping()) Stop(SIGTERM);
     }
   }
 
