@@ -162,6 +162,7 @@ class Holder {
     EXPECT_EQ(read(said_[0], &byte, 1), 1);
   }
   void GoOn() { EXPECT_EQ(write(told_[1], "x", 1), 1); }
+  int Wait() { return child_[0].Wait(); }
 
  private:
   int said_[2];
@@ -190,6 +191,7 @@ TEST(JsonUtils, WritingWaitsForReaders) {
   Holder reader(LOCK_SH);
   reader.GoOn();
   ASSERT_TRUE(WriteJsonToFile(kPath, Document(3)));
+  ASSERT_EQ(reader.Wait(), 0);
   EXPECT_EQ(ReadFile(kPath), "{\"number\":3}\n");
 }
 

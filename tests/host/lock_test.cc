@@ -132,9 +132,12 @@ TEST(Lock, CanBeReleasedAndTakenAgain) {
 
 TEST(Lock, TakingItTwiceIsTakingItOnce) {
   OpenLock lock(kPath, true);
-  const int fd = lock.fd;
+  ASSERT_EQ(unlink(kPath), 0);
   EXPECT_TRUE(lock.LockFile());
-  EXPECT_EQ(lock.fd, fd);
+  // Still the file of the first time: the lock was not let go in between.
+  struct stat status {};
+  ASSERT_EQ(fstat(lock.fd, &status), 0);
+  EXPECT_EQ(status.st_nlink, 0U);
 }
 
 TEST(Lock, TheDestructorReleasesIt) {
