@@ -8,7 +8,6 @@
 
 #include <cerrno>
 
-#include "base/clock.h"
 #include "base/file_io.h"
 #include "base/log.h"
 #include "base/paths.h"
@@ -43,15 +42,10 @@ bool TryLock(int fd) {
 // flock itself could wait for ever on a stranger's lock.
 bool WaitForLock(int fd, const std::string& path) {
   if (TryLock(fd)) return true;
-  const int64_t deadline = tarn::MonotonicMs() + kLongestWaitMs;
+  if (errno != EWOULDBLOCK) return false;
   tarn::ChangeWaiter waiter;
   waiter.WatchClose(path);
-  // The watch stands before each try, so no release is missed.
-  while (!TryLock(fd)) {
-    if (errno != EWOULDBLOCK || tarn::MonotonicMs() >= deadline) return false;
-    waiter.Wait(kStepMs);
-  }
-  return true;
+  return waiter.WaitUntil([fd] { return TryLock(fd); }, kLongestWaitMs / kStepMs, kStepMs);
 }
 
 }  // namespace

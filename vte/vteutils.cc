@@ -8,8 +8,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 
-#include "base/clock.h"
 #include "base/file_io.h"
 #include "base/log.h"
 #include "base/paths.h"
@@ -40,20 +40,17 @@ std::string ParentDirectory(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// Looks at least once a step (another host may create the file), and at once when the folder
-// changes.
-bool WaitUntilExists(const std::string& path, int64_t milliseconds) {
-  const int64_t deadline = tarn::MonotonicMs() + milliseconds;
+// Looks again when the folder changes, and at every step for what it does not report (another host
+// made the file, the folder itself was missing).
+bool WaitUntilExists(const std::string& path, unsigned steps) {
   const std::string parent = ParentDirectory(path);
   tarn::ChangeWaiter waiter;
   bool watching = false;
-  for (;;) {
-    if (!watching) watching = waiter.WatchDirectory(parent);
-    if (Exists(path)) return true;
-    const int64_t left = deadline - tarn::MonotonicMs();
-    if (left <= 0) return false;
-    waiter.Wait(static_cast<int>(std::min<int64_t>(left, kStepMs)));
-  }
+  const auto appeared = [&] {
+    watching = watching || waiter.WatchDirectory(parent);
+    return Exists(path);
+  };
+  return waiter.WaitUntil(appeared, static_cast<int>(std::min<unsigned>(steps, INT_MAX)), kStepMs);
 }
 
 }  // namespace
@@ -62,7 +59,7 @@ bool VerifyFileExist(const std::string& path, unsigned retries) {
   if (path.empty()) return false;
   IF_RUN_AS(root);
   if (!root) return false;
-  return retries == 0 ? Exists(path) : WaitUntilExists(path, int64_t{retries} * kStepMs);
+  return retries == 0 ? Exists(path) : WaitUntilExists(path, retries);
 }
 
 std::string ReadFile(const std::string& path) {

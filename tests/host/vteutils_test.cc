@@ -25,15 +25,6 @@ using namespace LibTarnVTE;
 
 namespace {
 
-uid_t g_effective_user = 0;
-
-}  // namespace
-
-// The sandbox has one user only, so the tests say who it is.
-extern "C" uid_t geteuid() noexcept { return g_effective_user; }
-
-namespace {
-
 constexpr char kPath[] = "/tmp/file";
 
 int64_t ElapsedMs(const std::function<void()>& body) {
@@ -111,24 +102,24 @@ TEST(VerifyFileExist, FindsAFileWhoseFolderAppearsLater) {
 
 TEST(VerifyFileExist, FailsWithoutTheTestWhereItCannotBecomeRoot) {
   WriteFile(kPath, "");
-  g_effective_user = 1000;
-  tarn::SetIdCalls([](unsigned) { return -1; }, nullptr);
+  tarn::SetIdCalls([](unsigned) { return -1; }, nullptr, [] { return 1000U; });
   const LogCapture log;
   EXPECT_FALSE(VerifyFileExist(kPath, 5));
   ASSERT_EQ(log.Count("vteutils", "ERROR: IF_RUN_AS(0, 0)"), 1);
   EXPECT_EQ(log.entries()[0].priority, 35);
 }
 
+unsigned g_effective_user = 1000;
+
 TEST(VerifyFileExist, AnswersAlsoWhenTheUserCannotBeRestored) {
   WriteFile(kPath, "");
-  g_effective_user = 1000;
+  const auto become_root_only = [](unsigned id) {
+    if (id != 0) return -1;
+    g_effective_user = id;
+    return 0;
+  };
   tarn::SetIdCalls(
-      [](unsigned id) {
-        if (id != 0) return -1;
-        g_effective_user = id;
-        return 0;
-      },
-      [](unsigned) { return 0; });
+      become_root_only, [](unsigned) { return 0; }, [] { return g_effective_user; });
   const LogCapture log;
   EXPECT_TRUE(VerifyFileExist(kPath));
   ASSERT_EQ(log.Count("vteutils", "ERROR: ~IF_RUN_AS(1000, 0)"), 1);
