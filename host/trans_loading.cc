@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <tarnutil/qlibc.h>
 
+#include <utility>
+
 #include "base/log.h"
 #include "base/paths.h"
 #include "host/json_access.h"
@@ -80,9 +82,9 @@ bool TransLoading::ReadAndCheckAlive() {
   if (status.st_size == 0) return true;
   Json::Value content;
   if (!ReadJsonFromFileWithoutLock(path, content) || !content.isArray()) return false;
-  for (const Json::Value& entry : content) {
+  for (Json::Value& entry : content) {
     const Json::Value* pid = FindPid(entry);
-    if (pid != nullptr && IsAlive(pid->asInt())) entries.append(entry);
+    if (pid != nullptr && IsAlive(pid->asInt())) entries.append(std::move(entry));
   }
   return true;
 }
@@ -122,7 +124,7 @@ bool TransLoading::SaveTransPID(int pid, bool hardware, bool offline) {
   entry[kPid] = pid;
   entry[kHardware] = hardware;
   entry[kOffline] = offline;
-  entries.append(entry);
+  entries.append(std::move(entry));
   return true;
 }
 
@@ -132,11 +134,11 @@ bool TransLoading::RemoveTransPIDLock(int pid) {
     return false;
   }
   Json::Value kept(Json::arrayValue);
-  for (const Json::Value& entry : entries) {
+  for (Json::Value& entry : entries) {
     const Json::Value* registered = FindPid(entry);
-    if (registered != nullptr && registered->asInt() != pid) kept.append(entry);
+    if (registered != nullptr && registered->asInt() != pid) kept.append(std::move(entry));
   }
-  entries = kept;
+  entries.swap(kept);
   return true;
 }
 
