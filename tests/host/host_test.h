@@ -1,4 +1,4 @@
-// What the tests of the host services share: small files, captured log lines, processes.
+// What the tests of the host services share: log lines, children, the product information.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,27 +7,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <cerrno>
 #include <functional>
-#include <iterator>
 #include <string>
-#include <vector>
+#include <utility>
 
-#include "base/log.h"
 #include "base/paths.h"
+#include "tests/support/host_files.h"
+#include "tests/support/log_capture.h"
 
 namespace host_test {
-
-inline void WriteFile(const std::string& path, const std::string& text) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file << text;
-  ASSERT_TRUE(file.flush().good()) << path;
-}
-
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 inline bool Exists(const std::string& path) {
   struct stat status {};
@@ -42,37 +31,21 @@ inline mode_t ModeOf(const std::string& path) {
 
 // The product information that platform detection reads once per process.
 inline void SetProduct(const std::string& unique) {
-  WriteFile(tarn::paths::kProductInfo, "unique=\"" + unique + "\"\n");
+  tarn::test::WriteText(tarn::paths::kProductInfo, "unique=\"" + unique + "\"\n");
 }
 
 // Log lines written during its lifetime.
-class LogCapture {
+class LogCapture : public tarn::test::LogCapture {
  public:
-  struct Entry {
-    int priority;
-    std::string line;
-  };
-
-  LogCapture() {
-    entries_.clear();
-    tarn::SetLogSink([](int priority, const char* line) { entries_.push_back({priority, line}); });
-  }
-  ~LogCapture() { tarn::SetLogSink(nullptr); }
-
-  const std::vector<Entry>& entries() const { return entries_; }
-
   // How many lines of `unit` say `text` after their line number.
   int Count(const std::string& unit, const std::string& text) const {
     int count = 0;
-    for (const Entry& entry : entries_) {
-      const size_t blank = entry.line.find(' ');
-      if (entry.line.starts_with(unit + ":") && entry.line.substr(blank + 1) == text) ++count;
+    for (const tarn::test::LogLine& line : Lines()) {
+      const size_t blank = line.text.find(' ');
+      if (line.text.starts_with(unit + ":") && line.text.substr(blank + 1) == text) ++count;
     }
     return count;
   }
-
- private:
-  static inline std::vector<Entry> entries_;
 };
 
 // A forked child that runs `body` and exits with its result.

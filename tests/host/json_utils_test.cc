@@ -7,13 +7,13 @@
 #include <sys/stat.h>
 
 #include "base/wait.h"
-#include "host_test.h"
+#include "tests/host/host_test.h"
 
 using host_test::Child;
 using host_test::LogCapture;
 using host_test::ModeOf;
-using host_test::ReadFile;
-using host_test::WriteFile;
+using tarn::test::ReadText;
+using tarn::test::WriteText;
 using namespace LibReelbay;
 
 namespace {
@@ -36,7 +36,7 @@ TEST(JsonUtils, WritesOneLineAndReadsItBack) {
   Json::Value value = Document(1);
   value["list"].append("two");
   ASSERT_TRUE(WriteJsonToFile(kPath, value));
-  EXPECT_EQ(ReadFile(kPath), "{\"list\":[\"two\"],\"number\":1}\n");
+  EXPECT_EQ(ReadText(kPath), "{\"list\":[\"two\"],\"number\":1}\n");
   Json::Value back;
   ASSERT_TRUE(ReadJsonFromFile(kPath, back));
   EXPECT_EQ(back, value);
@@ -57,9 +57,9 @@ TEST(JsonUtils, RewritesInPlaceLongerAndShorter) {
   ASSERT_TRUE(WriteJsonToFileWithoutLock(kPath, Document(1)));
   const ino_t inode = InodeOf(kPath);
   ASSERT_TRUE(WriteJsonToFile(kPath, Document(123456789)));
-  EXPECT_EQ(ReadFile(kPath), "{\"number\":123456789}\n");
+  EXPECT_EQ(ReadText(kPath), "{\"number\":123456789}\n");
   ASSERT_TRUE(WriteJsonToFileWithoutLock(kPath, Document(2)));
-  EXPECT_EQ(ReadFile(kPath), "{\"number\":2}\n");
+  EXPECT_EQ(ReadText(kPath), "{\"number\":2}\n");
   EXPECT_EQ(InodeOf(kPath), inode);
 }
 
@@ -71,7 +71,7 @@ TEST(JsonUtils, AnEmptyPathIsABadParameter) {
   EXPECT_FALSE(WriteJsonToFile("", value));
   EXPECT_FALSE(WriteJsonToFileWithoutLock("", value));
   EXPECT_EQ(log.Count("json_utils", "Bad parameter"), 4);
-  EXPECT_EQ(log.entries().size(), 4U);
+  EXPECT_EQ(log.Lines().size(), 4U);
 }
 
 TEST(JsonUtils, AMissingFileFailsSilentlyAndStaysMissing) {
@@ -79,14 +79,14 @@ TEST(JsonUtils, AMissingFileFailsSilentlyAndStaysMissing) {
   Json::Value value;
   EXPECT_FALSE(ReadJsonFromFile(kPath, value));
   EXPECT_FALSE(ReadJsonFromFileWithoutLock(kPath, value));
-  EXPECT_TRUE(log.entries().empty());
+  EXPECT_TRUE(log.Lines().empty());
   EXPECT_FALSE(host_test::Exists(kPath));
 }
 
 TEST(JsonUtils, AnEmptyOrBrokenFileIsReportedAndFails) {
   Json::Value value;
   for (const std::string& text : {std::string(), std::string("{\"a\":"), std::string(3000, '[')}) {
-    WriteFile(kPath, text);
+    WriteText(kPath, text);
     const LogCapture log;
     EXPECT_FALSE(ReadJsonFromFile(kPath, value));
     EXPECT_FALSE(ReadJsonFromFileWithoutLock(kPath, value));
@@ -109,10 +109,10 @@ TEST(JsonUtils, AFifoDoesNotHang) {
 
 TEST(JsonUtils, AFileOverTheLimitFails) {
   const std::string blanks(16 << 20, ' ');
-  WriteFile(kPath, "[]" + blanks.substr(2));
+  WriteText(kPath, "[]" + blanks.substr(2));
   Json::Value value;
   EXPECT_TRUE(ReadJsonFromFile(kPath, value));
-  WriteFile(kPath, "[]" + blanks);
+  WriteText(kPath, "[]" + blanks);
   EXPECT_FALSE(ReadJsonFromFile(kPath, value));
   EXPECT_FALSE(ReadJsonFromFile("/dev/zero", value));
 }
@@ -130,14 +130,14 @@ TEST(JsonUtils, AFullDiskKeepsTheOldContent) {
   const std::string path = "/tmp/small/state.json";
   Json::Value old = Document(1);
   ASSERT_TRUE(WriteJsonToFile(path, old));
-  const std::string before = ReadFile(path);
+  const std::string before = ReadText(path);
   Json::Value big;
   big["text"] = std::string(2 << 20, 'x');
   const LogCapture log;
   EXPECT_FALSE(WriteJsonToFile(path, big));
   EXPECT_FALSE(WriteJsonToFileWithoutLock(path, big));
   EXPECT_EQ(log.Count("json_utils", "failed to write json file [" + path + "]"), 2);
-  EXPECT_EQ(ReadFile(path), before);
+  EXPECT_EQ(ReadText(path), before);
   Json::Value back;
   ASSERT_TRUE(ReadJsonFromFile(path, back));
   EXPECT_EQ(back, old);
@@ -180,7 +180,7 @@ TEST(JsonUtils, ReadingWaitsForAWriter) {
 }
 
 TEST(JsonUtils, ReadersShareTheLock) {
-  WriteFile(kPath, "{\"number\":1}\n");
+  WriteText(kPath, "{\"number\":1}\n");
   const Holder reader(LOCK_SH);
   Json::Value value;
   ASSERT_TRUE(ReadJsonFromFile(kPath, value));
@@ -192,7 +192,7 @@ TEST(JsonUtils, WritingWaitsForReaders) {
   reader.GoOn();
   ASSERT_TRUE(WriteJsonToFile(kPath, Document(3)));
   ASSERT_EQ(reader.Wait(), 0);
-  EXPECT_EQ(ReadFile(kPath), "{\"number\":3}\n");
+  EXPECT_EQ(ReadText(kPath), "{\"number\":3}\n");
 }
 
 TEST(JsonUtils, TheLockIsReleasedAfterwards) {

@@ -8,13 +8,13 @@
 
 #include "base/clock.h"
 #include "base/wait.h"
-#include "host_test.h"
+#include "tests/host/host_test.h"
 
 using host_test::Child;
 using host_test::LogCapture;
 using host_test::ModeOf;
-using host_test::WriteFile;
 using LibReelbay::Lock;
+using tarn::test::WriteText;
 
 namespace {
 
@@ -69,7 +69,7 @@ TEST(Lock, APathWithoutADirectoryFails) {
 }
 
 TEST(Lock, ADirectoryThatCannotBeMadeFails) {
-  WriteFile("/tmp/file", "");
+  WriteText("/tmp/file", "");
   const LogCapture log;
   const Lock lock("/tmp/file/sub/lock", true);
   EXPECT_FALSE(lock.IsLockSucess());
@@ -83,7 +83,7 @@ TEST(Lock, WhatCannotBeOpenedFails) {
 }
 
 TEST(Lock, DoesNotFollowALink) {
-  WriteFile("/tmp/target", "");
+  WriteText("/tmp/target", "");
   ASSERT_EQ(symlink("/tmp/target", "/tmp/link"), 0);
   EXPECT_FALSE(Lock("/tmp/link", true).IsLockSucess());
   ASSERT_EQ(symlink("/tmp/nothing", "/tmp/dangling"), 0);

@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include "host_test.h"
+#include "tests/host/host_test.h"
 
 using host_test::LogCapture;
-using host_test::WriteFile;
 using LibReelbay::GetFileMD5;
 using LibReelbay::GetMD5;
+using tarn::test::WriteText;
 
 namespace {
 
@@ -24,11 +24,11 @@ TEST(MD5, EveryByteCounts) {
 }
 
 TEST(MD5, AFileHasTheDigestOfItsContent) {
-  WriteFile("/tmp/empty", "");
+  WriteText("/tmp/empty", "");
   EXPECT_EQ(GetFileMD5("/tmp/empty"), GetMD5(""));
   std::string content;
   for (int i = 0; i < 200'000; ++i) content += static_cast<char>(i * 7);
-  WriteFile("/tmp/content", content);
+  WriteText("/tmp/content", content);
   EXPECT_EQ(GetFileMD5("/tmp/content"), GetMD5(content));
 }
 

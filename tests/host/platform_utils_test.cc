@@ -7,13 +7,13 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "host_test.h"
+#include "tests/host/host_test.h"
 
 using host_test::InChild;
 using host_test::LogCapture;
 using host_test::SetProduct;
-using host_test::WriteFile;
 using librb::util::PlatformUtils;
+using tarn::test::WriteText;
 
 namespace {
 
@@ -135,11 +135,11 @@ TEST(PlatformUtils, AnOverlongValueIsNoPlatform) {
 TEST(PlatformUtils, TheAdministratorSwitchesHardwareOff) {
   SetProduct("vendor_apollolake_m");
   const PlatformUtils& platform = PlatformUtils::GetInst();
-  WriteFile(kSettings, R"({"hardware_transcode": false})");
+  WriteText(kSettings, R"({"hardware_transcode": false})");
   EXPECT_TRUE(platform.IsSupportVaapi());
   EXPECT_FALSE(platform.IsHWSettingEnabled());
   EXPECT_FALSE(platform.IsVaapiFFmpegEnabled());
-  WriteFile(kSettings, R"({"hardware_transcode": true})");
+  WriteText(kSettings, R"({"hardware_transcode": true})");
   EXPECT_TRUE(platform.IsHWSettingEnabled());
   EXPECT_TRUE(platform.IsVaapiFFmpegEnabled());
 }
@@ -150,14 +150,14 @@ TEST(PlatformUtils, OnlyABoolSwitchesHardwareOff) {
   for (const char* text :
        {R"({"hardware_transcode": "false"})", R"({"hardware_transcode": 0})",
         R"({"hardware_transcode": null})", "{}", "[]", "false", "0", "", "{", "\"x\""}) {
-    WriteFile(kSettings, text);
+    WriteText(kSettings, text);
     EXPECT_TRUE(PlatformUtils::GetInst().IsHWSettingEnabled()) << text;
     EXPECT_TRUE(PlatformUtils::GetInst().IsVaapiFFmpegEnabled()) << text;
   }
 }
 
 TEST(PlatformUtils, TheSwitchIsNotAskedWhereItDoesNotApply) {
-  WriteFile(kSettings, R"({"hardware_transcode": false})");
+  WriteText(kSettings, R"({"hardware_transcode": false})");
   const std::pair<const char*, const char*> cases[] = {
       {"vendor_monaco_m", "yes"},   {"vendor_rtd1296_kx510", "yes"}, {"vendor_rtd1296_m", "no"},
       {"vendor_evansport_m", "no"}, {"vendor_avoton_m", "no"},
@@ -196,15 +196,15 @@ TEST(PlatformUtils, HostPlatformNameIsTheFirstLine) {
   EXPECT_EQ(PlatformUtils::GetInst().GetHostPlatformName(), "");
   MountPlainProc();
   EXPECT_EQ(PlatformUtils::GetInst().GetHostPlatformName(), "");
-  WriteFile("/proc/tarn_platform", "braswell\nsecond\n");
+  WriteText("/proc/tarn_platform", "braswell\nsecond\n");
   EXPECT_EQ(PlatformUtils::GetInst().GetHostPlatformName(), "braswell");
-  WriteFile("/proc/tarn_platform", "alpine");
+  WriteText("/proc/tarn_platform", "alpine");
   EXPECT_EQ(PlatformUtils::GetInst().GetHostPlatformName(), "alpine");
 }
 
 TEST(PlatformUtils, CpuInfoIsTheFirstMatchingLineOfTwoParts) {
   MountPlainProc();
-  WriteFile("/proc/cpuinfo",
+  WriteText("/proc/cpuinfo",
             "processor\t: 0\n"
             "no colon: but: two\n"
             "model name\t:  Some CPU @ 2.00GHz \n"
@@ -250,8 +250,8 @@ TEST(PlatformUtils, TransPlatformNameIsTheFamilyAndTheCores) {
       {"v_unheardof_m", "bromolow_4"},  // the host's own name decides
   };
   MountPlainProc();
-  WriteFile("/proc/cpuinfo", "cpu cores\t: 4\n");
-  WriteFile("/proc/tarn_platform", "bromolow\n");
+  WriteText("/proc/cpuinfo", "cpu cores\t: 4\n");
+  WriteText("/proc/tarn_platform", "bromolow\n");
   for (const auto& [unique, name] : cases) {
     SetProduct(unique);
     EXPECT_EQ(InChild([] { return PlatformUtils::GetInst().GetTransPlatformName(); }), name);
@@ -260,7 +260,7 @@ TEST(PlatformUtils, TransPlatformNameIsTheFamilyAndTheCores) {
 
 TEST(PlatformUtils, TransPlatformNameOfAnUnknownHostCountsTheProcessors) {
   MountPlainProc();
-  WriteFile("/proc/cpuinfo", "cpu cores\t: many\n");
+  WriteText("/proc/cpuinfo", "cpu cores\t: many\n");
   const long processors = std::max(1L, sysconf(_SC_NPROCESSORS_ONLN));
   EXPECT_EQ(PlatformUtils::GetInst().GetTransPlatformName(), "x86_" + std::to_string(processors));
 }

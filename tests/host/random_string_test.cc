@@ -5,7 +5,7 @@
 #include <map>
 #include <set>
 
-#include "host_test.h"
+#include "tests/host/host_test.h"
 
 using librb::util::RandomString;
 

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "host_test.h"
+#include "tests/host/host_test.h"
 
-using host_test::WriteFile;
+using tarn::test::WriteText;
 using namespace tarnindexutils::stat;
 
 namespace {
@@ -13,25 +13,25 @@ namespace {
 constexpr char kFile[] = "/tmp/file";
 
 TEST(Stat, AFileOfOneByteHasNoSize) {
-  WriteFile(kFile, "");
+  WriteText(kFile, "");
   EXPECT_TRUE(DoesFileExist(kFile));
   EXPECT_FALSE(DoesFileExistAndHasSize(kFile));
-  WriteFile(kFile, "1");
+  WriteText(kFile, "1");
   EXPECT_TRUE(DoesFileExist(kFile));
   EXPECT_FALSE(DoesFileExistAndHasSize(kFile));
-  WriteFile(kFile, "12");
+  WriteText(kFile, "12");
   EXPECT_TRUE(DoesFileExistAndHasSize(kFile));
 }
 
 TEST(Stat, SizeOfARegularFile) {
-  WriteFile(kFile, "12345");
+  WriteText(kFile, "12345");
   long size = -1;
   EXPECT_TRUE(GetFileSize(kFile, size));
   EXPECT_EQ(size, 5);
 }
 
 TEST(Stat, ALargeFileHasItsSize) {
-  WriteFile(kFile, "");
+  WriteText(kFile, "");
   ASSERT_EQ(truncate(kFile, 5'000'000'000), 0);
   long size = -1;
   EXPECT_TRUE(GetFileSize(kFile, size));
@@ -51,7 +51,7 @@ TEST(Stat, OnlyRegularFilesAreFiles) {
 }
 
 TEST(Stat, OnlyDirectoriesAreDirectories) {
-  WriteFile(kFile, "");
+  WriteText(kFile, "");
   EXPECT_TRUE(DoesDirExist("/tmp"));
   EXPECT_TRUE(DoesDirExist("/tmp/"));
   EXPECT_FALSE(DoesDirExist(kFile));
@@ -60,7 +60,7 @@ TEST(Stat, OnlyDirectoriesAreDirectories) {
 }
 
 TEST(Stat, LinksCountAsWhatTheyPointTo) {
-  WriteFile(kFile, "12");
+  WriteText(kFile, "12");
   ASSERT_EQ(symlink(kFile, "/tmp/link"), 0);
   ASSERT_EQ(symlink("/tmp", "/tmp/dirlink"), 0);
   EXPECT_TRUE(DoesFileExistAndHasSize("/tmp/link"));

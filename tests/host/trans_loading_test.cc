@@ -7,12 +7,13 @@
 #include <sys/stat.h>
 #include <tarnutil/qlibc.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "base/clock.h"
 #include "base/wait.h"
-#include "host_test.h"
 #include "tarnvte/json_utils.h"
+#include "tests/host/host_test.h"
 
 using host_test::Child;
 using host_test::DeadPid;
@@ -21,8 +22,8 @@ using host_test::LogCapture;
 using host_test::ModeOf;
 using host_test::SetProduct;
 using host_test::Sleeper;
-using host_test::WriteFile;
 using LibReelbay::TransLoading;
+using tarn::test::WriteText;
 
 namespace {
 
@@ -60,7 +61,7 @@ Json::Value Entry(const Json::Value& pid, const Json::Value& hardware,
 
 void PutRegistry(const std::string& text) {
   mkdir("/tmp/Reelbay", 0755);
-  WriteFile(kRegistry, text);
+  WriteText(kRegistry, text);
 }
 
 void PutRegistry(const std::vector<Json::Value>& entries) {
@@ -70,7 +71,7 @@ void PutRegistry(const std::vector<Json::Value>& entries) {
   ASSERT_TRUE(LibReelbay::WriteJsonToFile(kRegistry, list));
 }
 
-std::string RegistryText() { return host_test::ReadFile(kRegistry); }
+std::string RegistryText() { return tarn::test::ReadText(kRegistry); }
 
 std::string Line(pid_t pid, bool hardware, bool offline) {
   return "{\"PID\":" + std::to_string(pid) +
@@ -161,7 +162,7 @@ TEST(TransLoading, AnEmptyFileIsAnEmptyList) {
   PutRegistry("");
   const LogCapture log;
   { EXPECT_TRUE(TransLoading().TransEnable(false)); }
-  EXPECT_TRUE(log.entries().empty());
+  EXPECT_TRUE(log.Lines().empty());
   EXPECT_EQ(RegistryText(), "[]\n");
 }
 
@@ -284,7 +285,7 @@ TEST(TransLoading, EveryOperationNeedsTheLock) {
   PutRegistry("");
   const Child holder([] {
     const LibReelbay::Lock lock(kRegistry, true);
-    WriteFile("/tmp/held", "");
+    WriteText("/tmp/held", "");
     pause();
     return 0;
   });
@@ -329,17 +330,17 @@ TEST(TransLoading, APlantedFolderIsNotUsed) {
   EXPECT_TRUE(refused());
   ASSERT_EQ(unlink("/tmp/Reelbay"), 0);
   // A file.
-  WriteFile("/tmp/Reelbay", "text");
+  WriteText("/tmp/Reelbay", "text");
   EXPECT_TRUE(refused());
-  EXPECT_EQ(host_test::ReadFile("/tmp/Reelbay"), "text");
+  EXPECT_EQ(tarn::test::ReadText("/tmp/Reelbay"), "text");
 }
 
 TEST(TransLoading, APlantedRegistryLinkIsNotFollowed) {
   ASSERT_EQ(mkdir("/tmp/Reelbay", 0755), 0);
-  WriteFile("/tmp/target", "text");
+  WriteText("/tmp/target", "text");
   ASSERT_EQ(symlink("/tmp/target", kRegistry), 0);
   { EXPECT_FALSE(TransLoading().IsLockSucess()); }
-  EXPECT_EQ(host_test::ReadFile("/tmp/target"), "text");
+  EXPECT_EQ(tarn::test::ReadText("/tmp/target"), "text");
 }
 
 struct LimitCase {
@@ -533,7 +534,7 @@ TEST(MachineAbilities, FollowThePlatform) {
 
 TEST(MachineAbilities, FactoryModeOnlyRemuxes) {
   ASSERT_EQ(TARNFSMkdirP("/run/tmp/factory", 0755), 0);
-  WriteFile("/run/tmp/factory/FACTORY", "");
+  WriteText("/run/tmp/factory/FACTORY", "");
   SetProduct("v_rtd1296_kx510");
   EXPECT_EQ(MachineAnswer(), "nyn /usr/lib/firmware/rtd1296/factory.bin load");
   SetProduct("v_monaco_m");

@@ -12,7 +12,7 @@
 #include "base/clock.h"
 #include "base/run_as.h"
 #include "base/wait.h"
-#include "host_test.h"
+#include "tests/host/host_test.h"
 
 extern "C" {
 #include <libavcodec/codec_id.h>
@@ -20,7 +20,7 @@ extern "C" {
 
 using host_test::Child;
 using host_test::LogCapture;
-using host_test::WriteFile;
+using tarn::test::WriteText;
 using namespace LibTarnVTE;
 
 namespace {
@@ -34,7 +34,7 @@ int64_t ElapsedMs(const std::function<void()>& body) {
 }
 
 TEST(VerifyFileExist, TellsWhatIsThere) {
-  WriteFile(kPath, "");
+  WriteText(kPath, "");
   EXPECT_TRUE(VerifyFileExist(kPath));
   EXPECT_TRUE(VerifyFileExist(kPath, 3));
   EXPECT_TRUE(VerifyFileExist("/tmp"));
@@ -45,9 +45,9 @@ TEST(VerifyFileExist, TellsWhatIsThere) {
 TEST(VerifyFileExist, WaitsForAFileThatAppears) {
   Child maker([] {
     tarn::SleepMs(500);
-    WriteFile("/tmp/noise", "");  // a change that is not the one waited for
+    WriteText("/tmp/noise", "");  // a change that is not the one waited for
     tarn::SleepMs(500);
-    WriteFile(kPath, "");
+    WriteText(kPath, "");
     return 0;
   });
   bool found = false;
@@ -63,7 +63,7 @@ TEST(VerifyFileExist, GoesOnAsSoonAsTheFileAppears) {
       const std::string path = "/tmp/file" + std::to_string(i);
       Child maker([&] {
         tarn::SleepMs(50);
-        WriteFile(path, "");
+        WriteText(path, "");
         return 0;
       });
       EXPECT_TRUE(VerifyFileExist(path, 30));
@@ -81,7 +81,7 @@ TEST(VerifyFileExist, GivesUpAfterTheRetries) {
 
 TEST(VerifyFileExist, ABusyFolderUsesUpNoStep) {
   Child busy([] {
-    for (;;) WriteFile("/tmp/noise", "");
+    for (;;) WriteText("/tmp/noise", "");
     return 0;
   });
   bool found = true;
@@ -94,25 +94,25 @@ TEST(VerifyFileExist, FindsAFileWhoseFolderAppearsLater) {
   Child maker([] {
     tarn::SleepMs(300);
     mkdir("/tmp/new", 0755);
-    WriteFile("/tmp/new/file", "");
+    WriteText("/tmp/new/file", "");
     return 0;
   });
   EXPECT_TRUE(VerifyFileExist("/tmp/new/file", 20));
 }
 
 TEST(VerifyFileExist, FailsWithoutTheTestWhereItCannotBecomeRoot) {
-  WriteFile(kPath, "");
+  WriteText(kPath, "");
   tarn::SetIdCalls([](unsigned) { return -1; }, nullptr, [] { return 1000U; });
   const LogCapture log;
   EXPECT_FALSE(VerifyFileExist(kPath, 5));
   ASSERT_EQ(log.Count("vteutils", "ERROR: IF_RUN_AS(0, 0)"), 1);
-  EXPECT_EQ(log.entries()[0].priority, 35);
+  EXPECT_EQ(log.Lines()[0].priority, 35);
 }
 
 unsigned g_effective_user = 1000;
 
 TEST(VerifyFileExist, AnswersAlsoWhenTheUserCannotBeRestored) {
-  WriteFile(kPath, "");
+  WriteText(kPath, "");
   const auto become_root_only = [](unsigned id) {
     if (id != 0) return -1;
     g_effective_user = id;
@@ -123,20 +123,20 @@ TEST(VerifyFileExist, AnswersAlsoWhenTheUserCannotBeRestored) {
   const LogCapture log;
   EXPECT_TRUE(VerifyFileExist(kPath));
   ASSERT_EQ(log.Count("vteutils", "ERROR: ~IF_RUN_AS(1000, 0)"), 1);
-  EXPECT_EQ(log.entries()[0].priority, 34);
+  EXPECT_EQ(log.Lines()[0].priority, 34);
 }
 
 TEST(ReadFile, GivesASmallFilesText) {
-  WriteFile(kPath, "1234\n");
+  WriteText(kPath, "1234\n");
   EXPECT_EQ(ReadFile(kPath), "1234\n");
-  WriteFile(kPath, "");
+  WriteText(kPath, "");
   EXPECT_EQ(ReadFile(kPath), "");
-  WriteFile(kPath, std::string("ab\0cd", 5));
+  WriteText(kPath, std::string("ab\0cd", 5));
   EXPECT_EQ(ReadFile(kPath), "ab");
 }
 
 TEST(ReadFile, EndsAfter4095Bytes) {
-  WriteFile(kPath, std::string(4095, 'a') + "b");
+  WriteText(kPath, std::string(4095, 'a') + "b");
   EXPECT_EQ(ReadFile(kPath), std::string(4095, 'a'));
 }
 
@@ -152,7 +152,7 @@ TEST(SaveFile, ReplacesTheContent) {
   umask(022);
   EXPECT_TRUE(SaveFile(kPath, "a longer text"));
   EXPECT_TRUE(SaveFile(kPath, "short"));
-  EXPECT_EQ(host_test::ReadFile(kPath), "short");
+  EXPECT_EQ(tarn::test::ReadText(kPath), "short");
   EXPECT_EQ(host_test::ModeOf(kPath), 0644U);
 }
 
