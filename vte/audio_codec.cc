@@ -1,3 +1,4 @@
+#include "host/json_access.h"
 #include "tarnvte/argument_helper.h"
 #include "tarnvte/vtemetadata.h"
 #include "tarnvte/vteutils.h"
@@ -7,13 +8,14 @@ namespace LibTarnVTE {
 namespace {
 
 constexpr char kChromecast[] = "chromecast";
-constexpr int kMostChannels = 6;
+constexpr unsigned kMostChannels = 6;
 
 }  // namespace
 
 bool IsAACAudioAndCanCopy(const Json::Value& track, const std::string& device) {
-  if (!track.isObject() || TrackText(track, "codec") != "aac") return false;
-  const double channels = track["channel"].isNumeric() ? track["channel"].asDouble() : 0;
+  if (TrackText(track, "codec") != "aac") return false;
+  const Json::Value* channel = LibReelbay::FindMember(track, "channel");
+  const unsigned channels = channel != nullptr ? LibReelbay::ClampToUInt(*channel) : 0;
   if (channels > kMostChannels) return false;
   if (device != kChromecast) return true;
   return channels == 2 && TrackText(track, "profile") == "LC";

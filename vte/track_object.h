@@ -5,12 +5,14 @@
 
 #include <string>
 
+#include "host/json_access.h"
+
 namespace LibTarnVTE {
 
 // A string member; empty when the track is no object, has no such member, or holds another type.
 inline std::string TrackText(const Json::Value& track, const char* key) {
-  if (!track.isObject() || !track[key].isString()) return "";
-  return track[key].asString();
+  const Json::Value* text = LibReelbay::FindMember(track, key);
+  return text != nullptr && text->isString() ? text->asString() : "";
 }
 
 }  // namespace LibTarnVTE
