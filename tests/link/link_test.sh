@@ -40,6 +40,6 @@ for program in "$work/outside/build/embed" "$work/outside/embed-pc"; do
   "$build/sandbox" "$program" "$build/tests/media/clip.mkv" \
     /var/packages/Reelbay/target/share/profiles/webm.json "$(sed -n 's/.*"\(webm_[^"]*vp8[^"]*\)".*/\1/p' \
       "$source/profiles/webm.json" | head -n 1)" >"$work/out.webm"
-  container=$(ffprobe -v error -show_entries format=format_name -of csv=p=0 "$work/out.webm")
+  container=$(ffprobe -v error -show_entries format=format_name -of default=nw=1:nk=1 "$work/out.webm")
   [[ $container == matroska,webm ]] || { echo "$program: wrote \"$container\""; exit 1; }
 done

@@ -319,7 +319,8 @@ TEST_F(WebMStreamTest, KillingAnyProcessAtAnyMomentLeavesNothing) {
       // A process that is just being forked escapes a single look.
       ASSERT_TRUE(Eventually([this] {
         return LiveProcesses() == baseline_ && Registry() == "[]\n" && LiveProcesses() == baseline_;
-      })) << victim << " after " << delay << " ms";
+      })) << victim
+          << " after " << delay << " ms";
     }
   }
   TestStream again(id);
