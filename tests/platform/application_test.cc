@@ -10,7 +10,7 @@
 
 #include "base/run_as.h"
 #include "librb/critical.h"
-#include "tests/platform/support.h"
+#include "tests/support/process.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include "librb/critical.h"
 #include "tarnutil/qlibc.h"
-#include "tests/platform/support.h"
+#include "tests/support/process.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "librb/process.h"
 #include "tarnutil/qlibc.h"
 #include "tarnutil/volume.h"
-#include "tests/platform/support.h"
+#include "tests/support/process.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 
 #include "base/signals.h"
 #include "tarnutil/qlibc.h"
-#include "tests/platform/support.h"
+#include "tests/support/process.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "base/signals.h"
-#include "tests/platform/support.h"
+#include "tests/support/process.h"
 
 namespace {
 

@@ -20,7 +20,7 @@
 #include "base/process.h"
 #include "base/signals.h"
 #include "librb/process.h"
-#include "tests/platform/support.h"
+#include "tests/support/process.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "librb/process.h"
-#include "tests/base/simulated_ids.h"
-#include "tests/platform/support.h"
+#include "tests/support/process.h"
+#include "tests/support/simulated_ids.h"
 
 namespace {
 

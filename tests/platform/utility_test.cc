@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "tarnutil/qlibc.h"
-#include "tests/platform/support.h"
+#include "tests/support/process.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 
 #include <string>
 
-#include "tests/platform/support.h"
+#include "tests/support/process.h"
 
 namespace {
 

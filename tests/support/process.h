@@ -2,6 +2,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -106,6 +107,13 @@ class FastTimer {
     setitimer(ITIMER_REAL, &timer, nullptr);
   }
 };
+
+// Enters a user namespace whose only user is 1000. False where that is not allowed.
+inline bool BecomeOrdinaryUser() {
+  if (unshare(CLONE_NEWUSER) != 0) return false;
+  WriteText("/proc/self/uid_map", "1000 0 1");
+  return geteuid() == 1000;
+}
 
 // A pipe that tells whether any process that inherited it is left.
 class Tether {

@@ -1,0 +1,166 @@
+#include "base/wait.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "base/signals.h"
+#include "tests/support/process.h"
+
+namespace {
+
+using tarn::ChangeWaiter;
+using Reason = ChangeWaiter::Reason;
+
+constexpr int kLongMs = 60'000;
+
+pid_t Sleeper() {
+  return test::InChild([] {
+    for (;;) pause();
+    return 0;
+  });
+}
+
+TEST(Wait, EndsAfterItsTime) {
+  ChangeWaiter waiter;
+  EXPECT_EQ(waiter.Wait(1), Reason::kTimeout);
+  EXPECT_EQ(waiter.Wait(0), Reason::kTimeout);
+  EXPECT_EQ(waiter.Wait(-5), Reason::kTimeout);
+}
+
+TEST(Wait, EndsWhenAProcessEnds) {
+  const pid_t pid = Sleeper();
+  ChangeWaiter waiter;
+  waiter.WatchProcess(pid);
+  EXPECT_EQ(waiter.Wait(1), Reason::kTimeout);
+  kill(pid, SIGKILL);
+  EXPECT_EQ(waiter.Wait(kLongMs), Reason::kChange);
+  test::WaitFor(pid);
+  ChangeWaiter late;
+  late.WatchProcess(pid);
+  EXPECT_EQ(late.Wait(kLongMs), Reason::kChange);
+  EXPECT_EQ(late.Wait(1), Reason::kTimeout);
+}
+
+TEST(Wait, EndsWhenADirectoryChanges) {
+  ASSERT_EQ(mkdir("/tmp/watched", 0755), 0);
+  ChangeWaiter waiter;
+  ASSERT_TRUE(waiter.WatchDirectory("/tmp/watched"));
+  EXPECT_EQ(waiter.Wait(1), Reason::kTimeout);
+  const auto expect_change = [&](const char* what) {
+    EXPECT_EQ(waiter.Wait(kLongMs), Reason::kChange) << what;
+    EXPECT_EQ(waiter.Wait(1), Reason::kTimeout) << what;
+  };
+  test::WriteText("/tmp/watched/a", "x");
+  expect_change("created and written");
+  test::WriteText("/tmp/watched/a", "xy");
+  expect_change("written again");
+  test::WriteText("/tmp/b", "x");
+  rename("/tmp/b", "/tmp/watched/b");
+  expect_change("moved in");
+  rename("/tmp/watched/b", "/tmp/b");
+  expect_change("moved out");
+  unlink("/tmp/watched/a");
+  expect_change("removed");
+  rmdir("/tmp/watched");
+  expect_change("gone itself");
+}
+
+TEST(Wait, WatchesOnlyDirectoriesThatAreThere) {
+  test::WriteText("/tmp/file", "x");
+  ChangeWaiter waiter;
+  EXPECT_FALSE(waiter.WatchDirectory("/tmp/missing"));
+  EXPECT_FALSE(waiter.WatchDirectory("/tmp/file"));
+  EXPECT_FALSE(waiter.WatchClose("/tmp/missing"));
+}
+
+TEST(Wait, EndsWhenAFileIsClosed) {
+  test::WriteText("/tmp/locked", "x");
+  tarn::UniqueFd holder(tarn::OpenRetry("/tmp/locked", O_RDONLY));
+  ChangeWaiter waiter;
+  ASSERT_TRUE(waiter.WatchClose("/tmp/locked"));
+  EXPECT_EQ(waiter.Wait(1), Reason::kTimeout);
+  holder.reset();
+  EXPECT_EQ(waiter.Wait(kLongMs), Reason::kChange);
+}
+
+TEST(Wait, EndsWhenADescriptorIsReadable) {
+  tarn::UniqueFd read_end, write_end;
+  ASSERT_TRUE(tarn::OpenPipe(read_end, write_end));
+  ChangeWaiter waiter;
+  waiter.WatchReadable(read_end.get());
+  waiter.WatchReadable(-1);
+  EXPECT_EQ(waiter.Wait(1), Reason::kTimeout);
+  write_end.reset();
+  EXPECT_EQ(waiter.Wait(kLongMs), Reason::kChange);
+}
+
+TEST(Wait, LetsInASignalThatWasBlocked) {
+  static volatile sig_atomic_t noticed;
+  noticed = 0;
+  tarn::InstallHandler(SIGTERM, [](int) { noticed = 1; });
+  const tarn::ScopedSignalBlock block;
+  raise(SIGTERM);
+  EXPECT_EQ(noticed, 0);
+  ChangeWaiter waiter;
+  EXPECT_EQ(waiter.Wait(kLongMs), Reason::kSignal);
+  EXPECT_EQ(noticed, 1);
+  EXPECT_EQ(waiter.Wait(1), Reason::kTimeout);
+}
+
+TEST(Wait, ForgetDropsWhatWasNoticed) {
+  ASSERT_EQ(mkdir("/tmp/noisy", 0755), 0);
+  ChangeWaiter waiter;
+  ASSERT_TRUE(waiter.WatchDirectory("/tmp/noisy"));
+  test::WriteText("/tmp/noisy/a", "x");
+  waiter.Forget();
+  EXPECT_EQ(waiter.Wait(1), Reason::kTimeout);
+}
+
+int64_t g_now = 0;
+
+TEST(WaitUntil, ChangesUseUpNoStep) {
+  g_now = 0;
+  tarn::SetMonotonicClock([] { return g_now; });  // stands still unless a step passes
+  const pid_t pid = Sleeper();
+  kill(pid, SIGKILL);
+  ChangeWaiter waiter;
+  waiter.WatchProcess(pid);  // every wait ends at once by a change
+  int tests = 0;
+  EXPECT_TRUE(waiter.WaitUntil([&] { return ++tests == 100; }, 2, 1000));
+  EXPECT_EQ(tests, 100);
+  tarn::SetMonotonicClock(nullptr);
+  test::WaitFor(pid);
+}
+
+TEST(WaitUntil, GivesUpAfterItsSteps) {
+  g_now = 0;
+  tarn::SetMonotonicClock([] { return g_now; });
+  ChangeWaiter waiter;
+  int tests = 0;
+  EXPECT_FALSE(waiter.WaitUntil(
+      [&] {
+        ++tests;
+        g_now += 1;
+        return false;
+      },
+      5, 1));
+  EXPECT_EQ(tests, 5);
+  tarn::SetMonotonicClock(nullptr);
+}
+
+TEST(WaitUntil, AsksBeforeItWaits) {
+  ChangeWaiter waiter;
+  EXPECT_TRUE(waiter.WaitUntil([] { return true; }, 60, 1000));
+}
+
+TEST(SleepMs, IsNotCutShortBySignals) {
+  const test::FastTimer timer;
+  const int64_t start = tarn::MonotonicMs();
+  tarn::SleepMs(50);
+  EXPECT_GE(tarn::MonotonicMs() - start, 49);
+}
+
+}  // namespace
