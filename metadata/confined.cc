@@ -34,7 +34,6 @@ namespace {
 constexpr char kLogUnit[] = "confined";
 constexpr int64_t kWallTimeMs = 30'000;
 constexpr rlim_t kProcessorSeconds = 30;
-constexpr rlim_t kMemoryBytes = rlim_t{2} << 30;
 constexpr size_t kMaxResultBytes = size_t{16} << 20;
 
 // The end of a result; a text without it is what a dying child left behind.
@@ -59,6 +58,7 @@ void Limit(decltype(RLIMIT_AS) resource, rlim_t value) {
 
 void LimitResources() {
 #ifndef TARN_ADDRESS_SANITIZER  // which reserves terabytes of address space
+  constexpr rlim_t kMemoryBytes = rlim_t{2} << 30;
   Limit(RLIMIT_AS, AddressSpaceInUse() + kMemoryBytes);
 #endif
   Limit(RLIMIT_CPU, kProcessorSeconds);
