@@ -1,7 +1,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -70,7 +69,7 @@ int QLIBCFileGetKeyValue(const char* path, const char* key, char* value, size_t 
   std::string_view found;
   if (!FindValue(file, key, found)) return 0;
   if (found.size() >= size) return -1;
-  std::memcpy(value, found.data(), found.size());
+  found.copy(value, found.size());
   value[found.size()] = '\0';
   return static_cast<int>(found.size());
 }
