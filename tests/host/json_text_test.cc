@@ -8,12 +8,14 @@
 #include <locale>
 #include <random>
 
+#include "tests/support/german_locale.h"
+
 using LibReelbay::JsonToText;
 using LibReelbay::TextToJson;
+using tarn::test::InstallGermanLocale;
+using tarn::test::kGermanLocale;
 
 namespace {
-
-constexpr char kGerman[] = "de_DE.UTF-8";
 
 // A name of 1 to 40 bytes of any kind but "/" and NUL, as a Linux file may have.
 std::string RandomName(std::mt19937& random) {
@@ -55,12 +57,6 @@ Json::Value RandomDocument(std::mt19937& random, int depth) {
       return object;
     }
   }
-}
-
-void UseLocales() {
-  setenv("LOCPATH", TARN_TEST_LOCALES, 1);
-  ASSERT_NE(std::setlocale(LC_ALL, kGerman), nullptr);
-  std::setlocale(LC_ALL, "C");
 }
 
 void ExpectFractionsRoundTrip() {
@@ -177,24 +173,24 @@ TEST(JsonText, IgnoresWhatFollowsTheDocument) {
 }
 
 TEST(JsonText, GermanCLocaleChangesNothing) {
-  UseLocales();
-  ASSERT_NE(std::setlocale(LC_ALL, kGerman), nullptr);
+  ASSERT_TRUE(InstallGermanLocale());
+  ASSERT_NE(std::setlocale(LC_ALL, kGermanLocale), nullptr);
   ExpectFractionsRoundTrip();
-  EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), kGerman);
+  EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), kGermanLocale);
 }
 
 TEST(JsonText, GermanCxxLocaleChangesNothing) {
-  UseLocales();
-  const std::locale german(kGerman);
+  ASSERT_TRUE(InstallGermanLocale());
+  const std::locale german(kGermanLocale);
   std::locale::global(german);
   ExpectFractionsRoundTrip();
   EXPECT_TRUE(std::locale() == german);
-  EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), kGerman);
+  EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), kGermanLocale);
 }
 
 TEST(JsonText, LeavesACLocaleThatDiffersFromTheCxxLocaleAlone) {
-  UseLocales();
-  std::locale::global(std::locale(kGerman));
+  ASSERT_TRUE(InstallGermanLocale());
+  std::locale::global(std::locale(kGermanLocale));
   std::setlocale(LC_NUMERIC, "C");
   const std::string before = std::setlocale(LC_ALL, nullptr);
   ExpectFractionsRoundTrip();

@@ -187,14 +187,17 @@ TEST(PlatformUtils, NoGstreamerPathLeavesTheEnvironmentAlone) {
   EXPECT_EQ(getenv("TARN_CODEC_PKG_NAME"), nullptr);
 }
 
-// Lays out a /proc of plain files, which the kernel's own does not allow.
-void MountPlainProc() {
-  ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0) << strerror(errno);
-}
+// A /proc of plain files for its lifetime, which the kernel's own does not allow.
+class PlainProc {
+ public:
+  PlainProc() { EXPECT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0) << strerror(errno); }
+  ~PlainProc() { umount("/proc"); }
+  PlainProc(const PlainProc&) = delete;
+};
 
 TEST(PlatformUtils, HostPlatformNameIsTheFirstLine) {
   EXPECT_EQ(PlatformUtils::GetInst().GetHostPlatformName(), "");
-  MountPlainProc();
+  const PlainProc proc;
   EXPECT_EQ(PlatformUtils::GetInst().GetHostPlatformName(), "");
   WriteText("/proc/tarn_platform", "braswell\nsecond\n");
   EXPECT_EQ(PlatformUtils::GetInst().GetHostPlatformName(), "braswell");
@@ -203,7 +206,7 @@ TEST(PlatformUtils, HostPlatformNameIsTheFirstLine) {
 }
 
 TEST(PlatformUtils, CpuInfoIsTheFirstMatchingLineOfTwoParts) {
-  MountPlainProc();
+  const PlainProc proc;
   WriteText("/proc/cpuinfo",
             "processor\t: 0\n"
             "no colon: but: two\n"
@@ -229,7 +232,7 @@ TEST(PlatformUtils, CpuInfoIsTheFirstMatchingLineOfTwoParts) {
 
 TEST(PlatformUtils, CpuInfoReportsBadRequests) {
   const PlatformUtils& platform = PlatformUtils::GetInst();
-  MountPlainProc();
+  const PlainProc proc;
   const LogCapture log;
   std::string value;
   EXPECT_FALSE(platform.GetCPUInfo("", value));
@@ -249,7 +252,7 @@ TEST(PlatformUtils, TransPlatformNameIsTheFamilyAndTheCores) {
       {"v_bromolow_m", "bromolow_4"},   {"v_kvmx64_m", "x86_4"},
       {"v_unheardof_m", "bromolow_4"},  // the host's own name decides
   };
-  MountPlainProc();
+  const PlainProc proc;
   WriteText("/proc/cpuinfo", "cpu cores\t: 4\n");
   WriteText("/proc/tarn_platform", "bromolow\n");
   for (const auto& [unique, name] : cases) {
@@ -259,7 +262,7 @@ TEST(PlatformUtils, TransPlatformNameIsTheFamilyAndTheCores) {
 }
 
 TEST(PlatformUtils, TransPlatformNameOfAnUnknownHostCountsTheProcessors) {
-  MountPlainProc();
+  const PlainProc proc;
   WriteText("/proc/cpuinfo", "cpu cores\t: many\n");
   const long processors = std::max(1L, sysconf(_SC_NPROCESSORS_ONLN));
   EXPECT_EQ(PlatformUtils::GetInst().GetTransPlatformName(), "x86_" + std::to_string(processors));

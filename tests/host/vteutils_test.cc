@@ -13,6 +13,7 @@
 #include "base/run_as.h"
 #include "base/wait.h"
 #include "tests/host/host_test.h"
+#include "tests/support/german_locale.h"
 
 extern "C" {
 #include <libavcodec/codec_id.h>
@@ -206,9 +207,9 @@ TEST(ToString, WritesWhatAStreamWrites) {
 }
 
 TEST(ToString, IgnoresTheCallersLocale) {
-  setenv("LOCPATH", TARN_TEST_LOCALES, 1);
-  std::locale::global(std::locale("de_DE.UTF-8"));
-  ASSERT_STREQ(std::setlocale(LC_ALL, nullptr), "de_DE.UTF-8");
+  ASSERT_TRUE(tarn::test::InstallGermanLocale());
+  std::locale::global(std::locale(tarn::test::kGermanLocale));
+  ASSERT_STREQ(std::setlocale(LC_ALL, nullptr), tarn::test::kGermanLocale);
   EXPECT_EQ(ToString<float>(1234.5F), "1234.5");
   EXPECT_EQ(ToString<unsigned>(1234567), "1234567");
 }
