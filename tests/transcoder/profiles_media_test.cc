@@ -237,12 +237,8 @@ TEST_P(EncodedHlsProfile, HasKeyframesOnTheFiveSecondGridOnly) {
   options.insert(options.end(), {"-t", "7", "-f", "mpegts"});
   const std::string path = std::string(kOut) + "/whole.ts";
   ASSERT_EQ(RunFrontEnd({}, options, path).status, 0);
-  const ProgramResult keys =
-      RunProgram({"ffprobe", "-v", "error", "-select_streams", "v", "-skip_frame", "nokey",
-                  "-show_entries", "frame=pts_time", "-of", "csv=p=0", path});
-  std::vector<double> times;
-  for (const std::string& word : ProfileWords(keys.out)) times.push_back(std::stod(word));
-  ASSERT_EQ(times.size(), 2u) << keys.out;
+  const std::vector<double> times = KeyframeTimes(path);
+  ASSERT_EQ(times.size(), 2u);
   EXPECT_NEAR(times[1] - times[0], 5.0, 0.001);
 }
 
@@ -309,12 +305,8 @@ TEST(SmoothPlatformEncoder, KeyframesCountFromTheStartOfARun) {
   argv.push_back(path);
   const ProgramResult run = RunProgram(argv);
   ASSERT_EQ(run.status, 0) << run.err;
-  const ProgramResult keys =
-      RunProgram({"ffprobe", "-v", "error", "-select_streams", "v", "-skip_frame", "nokey",
-                  "-show_entries", "frame=pts_time", "-of", "csv=p=0", path});
-  std::vector<double> times;
-  for (const std::string& word : ProfileWords(keys.out)) times.push_back(std::stod(word));
-  ASSERT_EQ(times.size(), 2u) << keys.out;
+  const std::vector<double> times = KeyframeTimes(path);
+  ASSERT_EQ(times.size(), 2u);
   EXPECT_NEAR(times[0], 3.0, 0.1);
   EXPECT_NEAR(times[1], 8.0, 0.1);
 }
