@@ -464,6 +464,16 @@ TEST(AudioTrack, SkipsIncompleteTracks) {
   }
 }
 
+TEST(AudioTrack, IsNullWhenTheFirstIsNoObject) {
+  Json::Value document = FilmDocument();
+  document["track_info"]["audio"][0] = "aac";
+  const LoadedMetaData film(document);
+  unsigned index = 99;
+  EXPECT_TRUE(ArgumentHelper(film).GetAudioTrackInfoByID("", index).isNull());
+  EXPECT_EQ(index, 99u);
+  EXPECT_EQ(ArgumentHelper(film).GetAudioTrackInfoByID("2", index)["codec"], "ac3");
+}
+
 TEST(AudioTrack, IsNullWithoutAudio) {
   for (const Json::Value& audio : {Json::Value(Json::arrayValue), Json::Value(Json::objectValue),
                                    Json::Value(), Json::Value("text"), Json::Value(5)}) {

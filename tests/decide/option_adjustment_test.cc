@@ -316,8 +316,9 @@ TEST(Bitrate, ReadsLeadingDigitsOnly) {
 
 TEST(Bitrate, IsLimitedWhenItIsAbsurd) {
   OnPlatform("", [] {
-    for (const char* word : {"4294967295k", "4294968k", "18446744073709551615k",
-                             "99999999999999999999999999", "99999999999999999999999999k"}) {
+    for (const char* word :
+         {"4294967295k", "4294968k", "18446744073709552k", "18446744073709551615k",
+          "99999999999999999999999999", "99999999999999999999999999k"}) {
       EXPECT_THAT(WithBitrate({"-vb", word}), ElementsAre("-vb", "15000000")) << word;
     }
   });
