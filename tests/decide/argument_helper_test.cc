@@ -11,10 +11,10 @@
 namespace {
 
 using LibTarnVTE::ArgumentHelper;
-using tarn_test::FilmDocument;
-using tarn_test::LoadedMetaData;
-using tarn_test::OnPlatform;
-using tarn_test::Video;
+using tarn::test::FilmDocument;
+using tarn::test::LoadedMetaData;
+using tarn::test::OnPlatform;
+using tarn::test::Video;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -8,8 +8,8 @@ namespace {
 using LibTarnVTE::GetAndCheckHlsAudioCodec;
 using LibTarnVTE::GetAndCheckWebmAudioCodec;
 using LibTarnVTE::IsAACAudioAndCanCopy;
-using tarn_test::FilmDocument;
-using tarn_test::LoadedMetaData;
+using tarn::test::FilmDocument;
+using tarn::test::LoadedMetaData;
 
 Json::Value Track(const std::string& codec, int channels, const std::string& profile) {
   Json::Value track;

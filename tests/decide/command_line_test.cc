@@ -6,19 +6,20 @@
 #include <string>
 #include <vector>
 
-#include "base/log.h"
 #include "tarnvte/vteutils.h"
 #include "tests/decide/stream_fixture.h"
+#include "tests/support/log_capture.h"
 
 namespace {
 
-using tarn_test::FilmDocument;
-using tarn_test::OnPlatform;
-using tarn_test::PrepareStream;
-using tarn_test::StreamFile;
-using tarn_test::TestStream;
-using tarn_test::Video;
-using tarn_test::WriteFile;
+using tarn::test::FilmDocument;
+using tarn::test::LogCapture;
+using tarn::test::OnPlatform;
+using tarn::test::PrepareStream;
+using tarn::test::StreamFile;
+using tarn::test::TestStream;
+using tarn::test::Video;
+using tarn::test::WriteText;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -110,7 +111,7 @@ TEST(FFmpegLine, IsRefusedWithoutProfileSourceKindOrIdentifier) {
     for (const auto& [id, kind] : std::vector<std::pair<std::string, std::string>>{
              {"", "HLS"}, {kId, ""}, {"nobody", "HLS"}}) {
       TestStream stream(id, kind);
-      stream.metadata = tarn_test::LoadedMetaData(Film(kSoftware));
+      stream.metadata = tarn::test::LoadedMetaData(Film(kSoftware));
       if (id != "nobody") stream.profile_value = kSoftware;
       EXPECT_THAT(stream.CalculateFFmpegTranscodingArgument(false, {}, "out"), IsEmpty());
       EXPECT_THAT(stream.CalculateGstreamerTranscodingArgument({}, "out", false), IsEmpty());
@@ -184,35 +185,33 @@ TEST(FFmpegLine, LeavesTheQueueOptionToTheNewerProgram) {
 TEST(FFmpegLine, MapsTheRequestedAudioTrack) {
   OnPlatform("", [] {
     const TestStream stream = Serve("HLS", Film(kSoftware));
-    WriteFile(StreamFile("HLS", kId, "audio_id"), "2");
+    WriteText(StreamFile("HLS", kId, "audio_id"), "2");
     EXPECT_THAT(stream.CalculateFFmpegTranscodingArgument(false, {}, "out"),
                 ElementsAre(kFFmpeg41, "-ss", "0.000", "-i", "/volume1/video/film.mkv",
                             "-max_muxing_queue_size", "1024", "-map", "0:0", "-map", "0:3", "out"));
   });
 }
 
-std::string g_log;
-
 TEST(FFmpegLine, IsRefusedWithoutMapsForHlsOnly) {
   OnPlatform("", [] {
-    tarn::SetLogSink([](int priority, const char* line) {
-      EXPECT_EQ(priority & LOG_PRIMASK, LOG_ERR);
-      g_log += std::string(line) + "\n";
-    });
+    const LogCapture log;
     for (const char* kind : {"WEBM", "SS", "HTTP", "hls"}) {
       const TestStream stream = Serve(kind, Film(kSoftware));
-      WriteFile(StreamFile(kind, kId, "audio_id"), "7");
+      WriteText(StreamFile(kind, kId, "audio_id"), "7");
       EXPECT_THAT(stream.CalculateFFmpegTranscodingArgument(false, {}, "out"),
                   ElementsAre(kFFmpeg41, "-ss", "0.000", "-i", "/volume1/video/film.mkv",
                               "-max_muxing_queue_size", "1024", "out"));
     }
-    EXPECT_EQ(g_log, "");
+    EXPECT_THAT(LogCapture::Lines(), IsEmpty());
 
     const TestStream stream = Serve("HLS", Film(kSoftware));
-    WriteFile(StreamFile("HLS", kId, "audio_id"), "7");
+    WriteText(StreamFile("HLS", kId, "audio_id"), "7");
     EXPECT_THAT(stream.CalculateFFmpegTranscodingArgument(false, {}, "out"), IsEmpty());
-    EXPECT_THAT(g_log, testing::MatchesRegex("libtarnvte_transcoding_argument:[0-9]+ VTE - Fail "
-                                             "GetVideoAudioMap\\.\n"));
+    ASSERT_EQ(LogCapture::Lines().size(), 1u);
+    EXPECT_EQ(LogCapture::Lines()[0].priority & LOG_PRIMASK, LOG_ERR);
+    EXPECT_THAT(LogCapture::Lines()[0].text,
+                testing::MatchesRegex("libtarnvte_transcoding_argument:[0-9]+ VTE - Fail "
+                                      "GetVideoAudioMap\\."));
   });
 }
 
@@ -233,8 +232,8 @@ TEST(FFmpegLine, KeepsOptionsAndNamesAsTheyAre) {
 Arguments LauncherLine(const Json::Value& document, const std::string& audio_format,
                        const std::string& audio_id = "") {
   const TestStream stream = Serve("HLS", document);
-  WriteFile(StreamFile("HLS", kId, "audio_format"), audio_format);
-  WriteFile(StreamFile("HLS", kId, "audio_id"), audio_id);
+  WriteText(StreamFile("HLS", kId, "audio_format"), audio_format);
+  WriteText(StreamFile("HLS", kId, "audio_id"), audio_id);
   return stream.CalculateGstreamerTranscodingArgument({"--vcodec", "h264"}, "fd:1", false);
 }
 

@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,13 +15,14 @@
 
 namespace {
 
-using tarn_test::FilmDocument;
-using tarn_test::OnPlatform;
-using tarn_test::PrepareStream;
-using tarn_test::StreamFile;
-using tarn_test::TestStream;
-using tarn_test::Video;
-using tarn_test::WriteFile;
+using tarn::test::FilmDocument;
+using tarn::test::OnPlatform;
+using tarn::test::PrepareStream;
+using tarn::test::ReadText;
+using tarn::test::StreamFile;
+using tarn::test::TestStream;
+using tarn::test::Video;
+using tarn::test::WriteText;
 
 using Arguments = std::vector<std::string>;
 
@@ -81,8 +81,8 @@ Json::Value Source(const Case& test) {
 // The command line as the stream of that kind makes it.
 Arguments CommandLine(const Case& test) {
   PrepareStream(test.kind, kId, Source(test));
-  WriteFile(StreamFile(test.kind, kId, "audio_id"), test.audio_id);
-  WriteFile(StreamFile(test.kind, kId, "audio_format"), test.audio_format);
+  WriteText(StreamFile(test.kind, kId, "audio_id"), test.audio_id);
+  WriteText(StreamFile(test.kind, kId, "audio_format"), test.audio_format);
   TestStream stream(kId, test.kind);
   stream.seek_time = test.seek_time;
 
@@ -109,13 +109,6 @@ std::string AllCommandLines() {
   return text;
 }
 
-std::string Content(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 void Rewrite(const std::string& path, const std::string& text) {
   std::ofstream out(path, std::ios::binary);
   out << text << std::flush;
@@ -138,7 +131,7 @@ TEST_P(GoldenArguments, AreAsRecorded) {
     const std::string path = std::string(TARN_TEST_DATA) + "/decide/golden/" + host.name + ".txt";
     const std::string text = AllCommandLines();
     if (std::getenv("TARNVTE_UPDATE_GOLDEN") != nullptr) Rewrite(path, text);
-    EXPECT_EQ(text, Content(path)) << path;
+    EXPECT_EQ(text, ReadText(path)) << path;
   });
 }
 

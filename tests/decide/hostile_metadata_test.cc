@@ -15,10 +15,10 @@
 namespace {
 
 using LibTarnVTE::ArgumentHelper;
-using tarn_test::FilmDocument;
-using tarn_test::LoadedMetaData;
-using tarn_test::OnPlatform;
-using tarn_test::TestStream;
+using tarn::test::FilmDocument;
+using tarn::test::LoadedMetaData;
+using tarn::test::OnPlatform;
+using tarn::test::TestStream;
 
 using Arguments = std::vector<std::string>;
 

@@ -5,16 +5,17 @@
 #include <string>
 #include <vector>
 
-#include "base/log.h"
 #include "tests/decide/stream_fixture.h"
+#include "tests/support/log_capture.h"
 
 namespace {
 
-using tarn_test::FilmDocument;
-using tarn_test::LoadedMetaData;
-using tarn_test::OnPlatform;
-using tarn_test::TestStream;
-using tarn_test::Video;
+using tarn::test::FilmDocument;
+using tarn::test::LoadedMetaData;
+using tarn::test::LogCapture;
+using tarn::test::OnPlatform;
+using tarn::test::TestStream;
+using tarn::test::Video;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
@@ -29,14 +30,14 @@ class AdjustedStream : public TestStream {
   }
 };
 
-Options g_log;
-
-void CaptureLog() {
-  g_log.clear();
-  tarn::SetLogSink([](int priority, const char* line) {
-    EXPECT_EQ(priority & LOG_PRIMASK, LOG_ERR);
-    g_log.push_back(line);
-  });
+// The log's lines, each of which must be an error.
+Options Errors() {
+  Options lines;
+  for (const tarn::test::LogLine& line : LogCapture::Lines()) {
+    EXPECT_EQ(line.priority & LOG_PRIMASK, LOG_ERR);
+    lines.push_back(line.text);
+  }
+  return lines;
 }
 
 TEST(AudioFormat, ReplacesTheEncoder) {
@@ -124,14 +125,14 @@ TEST(VideoSize, FollowsTheRotationOfTheStream) {
 
 TEST(VideoSize, StaysAndIsLoggedWhenItCannotBeTold) {
   OnPlatform("", [] {
-    CaptureLog();
+    const LogCapture log;
     const AdjustedStream stream(FilmDocument());
     EXPECT_THAT(stream.ForceFFmpegVideoSize({"-s", "640x360"}, false),
                 ElementsAre("-s", "640x360"));
     EXPECT_THAT(stream.ForceFFmpegVideoSize({"-s", ""}, false), ElementsAre("-s", ""));
     EXPECT_THAT(stream.ForceFFmpegVideoSize({"-s", "640x360"}, true), ElementsAre("-s", "640x360"));
-    EXPECT_THAT(g_log, testing::SizeIs(3));
-    for (const std::string& line : g_log) {
+    EXPECT_THAT(Errors(), testing::SizeIs(3));
+    for (const std::string& line : Errors()) {
       EXPECT_THAT(line, testing::MatchesRegex("libtarnvte:[0-9]+ Failed to GetTransVideoSize"));
     }
   });
@@ -139,13 +140,13 @@ TEST(VideoSize, StaysAndIsLoggedWhenItCannotBeTold) {
 
 TEST(VideoSize, OfNothingCountsAsUnknown) {
   OnPlatform("apollolake", [] {
-    CaptureLog();
+    const LogCapture log;
     Json::Value document = FilmDocument();
     Video(document)["resolutionx"] = 4000;
     Video(document)["resolutiony"] = 10;
     EXPECT_THAT(AdjustedStream(document).ForceFFmpegVideoSize({"-s", "hd720"}, false),
                 ElementsAre("-s", "hd720"));
-    EXPECT_THAT(g_log, testing::SizeIs(1));
+    EXPECT_THAT(Errors(), testing::SizeIs(1));
   });
 }
 
@@ -239,11 +240,11 @@ TEST(VaapiSize, IsForThePictureAsItIsBeforeItIsTurned) {
 
 TEST(VaapiSize, StaysAndIsLoggedTwiceWhenItCannotBeTold) {
   OnPlatform("apollolake", [] {
-    CaptureLog();
+    const LogCapture log;
     const std::string value = std::string(kChain) + ",scale_vaapi=%s%n";
     EXPECT_THAT(VaapiScaled(FilmDocument(), "%s%n"), ElementsAre("-vf", value));
     EXPECT_THAT(
-        g_log,
+        Errors(),
         ElementsAre(testing::MatchesRegex("libtarnvte:[0-9]+ Failed to GetTransVideoSize"),
                     testing::EndsWith(" Failed to get vaapi ffmpeg resolution, using: " + value)));
   });

@@ -9,19 +9,15 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <exception>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "base/paths.h"
 #include "tarnvte/libtarnvte.h"
+#include "tests/support/host_files.h"
 
-namespace tarn_test {
-
-inline void WriteFile(const std::string& path, const std::string& text) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream(path, std::ios::binary) << text;
-}
+namespace tarn::test {
 
 // Runs `body` on a host of that platform (no word: a host that names none). The platform is read
 // once per process, so the body has a process of its own; its failures are this test's failures.
@@ -31,11 +27,13 @@ void OnPlatform(const std::string& platform, const std::string& model, Body body
   const pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
-    std::filesystem::remove(tarn::paths::kProductInfo);
-    if (!platform.empty()) {
-      WriteFile(tarn::paths::kProductInfo, "unique=\"tarn_" + platform + "_" + model + "\"\n");
+    std::filesystem::remove(paths::kProductInfo);
+    if (!platform.empty()) SetPlatform(platform, model);
+    try {
+      body();
+    } catch (const std::exception& error) {
+      ADD_FAILURE() << "thrown: " << error.what();
     }
-    body();
     std::fflush(nullptr);
     _exit(testing::Test::HasFailure() ? 1 : 0);
   }
@@ -130,7 +128,7 @@ class TestStream : public LibTarnVTE::VTEStream {
 
 inline std::string StreamFile(const std::string& kind, const std::string& id,
                               const std::string& name) {
-  return std::string(tarn::paths::kTmpRoot) + "/" + kind + "/" + id + "/" + name;
+  return std::string(paths::kTmpRoot) + "/" + kind + "/" + id + "/" + name;
 }
 
 // Lays out a prepared stream, as preparation leaves it for the stream object's constructor: with
@@ -138,7 +136,7 @@ inline std::string StreamFile(const std::string& kind, const std::string& id,
 inline void PrepareStream(const std::string& kind, const std::string& id,
                           const Json::Value& document) {
   std::filesystem::remove_all(StreamFile(kind, id, ""));
-  WriteFile(StreamFile(kind, id, "video_metadata"), Json::FastWriter().write(document));
+  WriteText(StreamFile(kind, id, "video_metadata"), Json::FastWriter().write(document));
 }
 
-}  // namespace tarn_test
+}  // namespace tarn::test
