@@ -1,6 +1,6 @@
 // tarnvte doctor: is this machine fit for streaming, and what to do where it is not.
 #include <fcntl.h>
-#include <glob.h>
+#include <mntent.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <set>
@@ -250,18 +251,19 @@ Check CheckProfiles(const char* kind) {
   return {Result::kOk, name, path + ": " + std::to_string(profiles.size()) + " profiles", ""};
 }
 
+// Where the engine looks for room: mounted "/volume..." folders, or the root file system on a host
+// that has none.
 std::vector<std::string> DataVolumes() {
   std::vector<std::string> volumes;
-  glob_t found{};
-  if (glob("/volume[0-9]*", 0, nullptr, &found) == 0) {
-    for (size_t i = 0; i < found.gl_pathc; ++i) {
-      const std::string path = found.gl_pathv[i];
-      if (path.find_first_not_of("0123456789", std::strlen("/volume")) == std::string::npos) {
-        volumes.push_back(path);
-      }
+  const std::unique_ptr<FILE, int (*)(FILE*)> table(setmntent("/proc/self/mounts", "re"),
+                                                    endmntent);
+  for (const mntent* entry; table && (entry = getmntent(table.get())) != nullptr;) {
+    const std::string path = entry->mnt_dir;
+    if (path.rfind("/volume", 0) == 0 && path.find('/', 1) == std::string::npos) {
+      volumes.push_back(path);
     }
   }
-  globfree(&found);
+  if (volumes.empty()) volumes.push_back("/");
   return volumes;
 }
 
@@ -278,9 +280,9 @@ Check CheckVolumes() {
                (read_only ? "is read-only" : "has " + FormatBytes(free) + " free");
   }
   if (enough) return {Result::kOk, "volumes", listing, ""};
-  return {Result::kFail, "volumes",
-          listing.empty() ? "there is no data volume (/volume1)" : listing,
-          "a writable data volume with " + FormatBytes(kNeededSpace) + " free is needed"};
+  return {
+      Result::kFail, "volumes", listing,
+      "make room: a writable data volume with " + FormatBytes(kNeededSpace) + " free is needed"};
 }
 
 Exit RunDoctor(bool json) {

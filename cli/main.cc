@@ -75,6 +75,7 @@ int Main(int argc, char** argv) {
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(Footer());
+  app.get_formatter()->column_width(26);
   AddProbe(app, command);
   AddPlan(app, command);
   AddStream(app, command);

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -307,6 +308,17 @@ std::string RoomText(const Json::Value& room, bool hardware) {
   return text;
 }
 
+std::string CapabilityText(unsigned code) {
+  static constexpr const char* kMeanings[] = {"possible",
+                                              "no hardware path",
+                                              "codec not supported by the hardware",
+                                              "picture too large for the hardware",
+                                              "10-bit profile not supported by the hardware",
+                                              "frame rate too high for the hardware"};
+  const std::string text = "code " + std::to_string(code);
+  return code < std::size(kMeanings) ? text + ", " + kMeanings[code] : text;
+}
+
 std::string Listing(const PlanOptions& options, const Json::Value& plan) {
   const Json::Value& video = plan["video"];
   const bool hardware = video["path"].asString() == "hardware";
@@ -324,7 +336,7 @@ std::string Listing(const PlanOptions& options, const Json::Value& plan) {
   rows.push_back({"audio", AudioText(plan["audio"])});
   if (plan.isMember("room")) rows.push_back({"room", RoomText(plan["room"], hardware)});
   if (video.isMember("capability")) {
-    rows.push_back({"capability", "code " + video["capability"].asString()});
+    rows.push_back({"capability", CapabilityText(video["capability"].asUInt())});
   }
   const std::string word = plan["error"].asString();
   rows.push_back({"answer", plan["accepted"].asBool() ? "accepted"
@@ -351,7 +363,7 @@ Exit Answer(const Json::Value& plan) {
 
 Exit RunPlan(PlanOptions options, Command& command) {
   if (!options.platform.empty()) PretendPlatform(options.platform);
-  CompleteProfile(options.request);
+  options.request = WithProfile(options.request);
   const Json::Value plan = MakePlan(options);
   if (options.shell) {
     if (plan["arguments"].empty()) {
@@ -373,31 +385,33 @@ void AddPlan(CLI::App& app, Command& command) {
   auto options = std::make_shared<PlanOptions>();
   StreamRequest& request = options->request;
   request.kind = "WEBM";
-  sub->add_option("file", request.file, "The video file")->required()->type_name("FILE");
+  sub->add_option("FILE", request.file, "The video file")->required()->option_text(" ");
   sub->add_option("--kind", request.kind, "Kind of stream: WEBM (default), HLS, SS or HTTP")
       ->transform(CLI::IsMember({"WEBM", "HLS", "SS", "HTTP"}, CLI::ignore_case))
-      ->type_name("KIND");
+      ->option_text("KIND");
   sub->add_option("--profile", request.profile_key,
                   "Transcoding profile (default for WEBM: " + DefaultProfileKey("WEBM") + ")")
-      ->type_name("KEY");
+      ->option_text("KEY");
   sub->add_option("--profile-file", request.profile_file,
                   "File with transcoding profiles (default: the shipped file of the kind)")
-      ->type_name("PATH");
+      ->option_text("PATH");
   sub->add_option("--audio", options->audio,
                   "Audio track by its id in \"tarnvte probe\" (default: the first)")
-      ->type_name("ID");
+      ->option_text("ID");
   sub->add_option("--start", options->start, "Start at this second of the video")
       ->check(CLI::Range(0, 2147483))
-      ->type_name("S");
+      ->option_text("S");
   sub->add_option("--device", request.device, "Name of the client device, such as chromecast")
-      ->type_name("NAME");
+      ->option_text("NAME");
   sub->add_option("--platform", options->platform,
                   "In the sandbox only: plan for this platform, such as apollolake, monaco or "
                   "rtd1296_kx510")
-      ->type_name("WORD");
+      ->option_text("WORD");
   CLI::Option* json = sub->add_flag("--json", options->json, "Print one line of JSON");
   sub->add_flag("--shell", options->shell, "Print only the command, quoted for a shell")
-      ->excludes(json);
+      ->excludes(json)
+      ->option_text(" ");
+  json->option_text(" ");  // without a note of what excludes what
   sub->footer(kFooter);
   sub->callback([options, &command] {
     command.json = options->json;

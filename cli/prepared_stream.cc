@@ -63,7 +63,7 @@ std::string ResolveVideo(const std::string& file) {
   return path.get();
 }
 
-void CompleteProfile(StreamRequest& request) {
+StreamRequest WithProfile(StreamRequest request) {
   if (request.profile_file.empty()) request.profile_file = DefaultProfileFile(request.kind);
   const std::string& file = request.profile_file;
   Json::Value profiles;
@@ -72,20 +72,24 @@ void CompleteProfile(StreamRequest& request) {
     throw FileFailure(file, "is not a profile file (a JSON object is expected)");
   }
   std::string known;
-  for (const std::string& name : profiles.getMemberNames()) known += "\n  " + Printable(name);
+  for (const std::string& name : profiles.getMemberNames()) {
+    known += (known.empty() ? "" : ", ") + Printable(name);
+  }
   if (request.profile_key.empty()) request.profile_key = DefaultProfileKey(request.kind);
   if (request.profile_key.empty()) {
-    throw Failure{Exit::kUsage, "choose a profile with --profile; " + file + " has:" + known, ""};
+    throw Failure{Exit::kUsage,
+                  "choose a profile with --profile; " + Printable(file) + " has " + known, ""};
   }
   if (!profiles.isMember(request.profile_key)) {
     throw Failure{Exit::kUsage,
                   Printable(file) + ": has no profile \"" + Printable(request.profile_key) +
-                      "\", but:" + known,
+                      "\"; it has " + known,
                   ""};
   }
   if (!profiles[request.profile_key].isString()) {
     throw FileFailure(file, "profile \"" + Printable(request.profile_key) + "\" is not a string");
   }
+  return request;
 }
 
 void CheckSource(const LibTarnVTE::VideoMetaData& source, unsigned start, const std::string& file) {

@@ -25,8 +25,8 @@ struct StreamRequest {
   std::string device;
 };
 
-// Fills in what the user left out. Throws Failure when the profile does not exist.
-void CompleteProfile(StreamRequest& request);
+// The same with the profile that the user left out. Throws Failure when it does not exist.
+StreamRequest WithProfile(StreamRequest request);
 
 // The source has a picture, and `start` (seconds) does not lie behind its end. Throws Failure,
 // naming it `file`.

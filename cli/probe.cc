@@ -74,7 +74,7 @@ std::string Listing(const ProbeOptions& options, const Json::Value& document) {
   std::vector<std::vector<std::string>> facts = {
       {"container", Text(document, "container_type")},
       {"duration", Duration(document)},
-      {"size", FormatBytes(std::strtoull(size.c_str(), nullptr, 10)) + " (" + size + ")"},
+      {"size", FormatBytes(std::strtoull(size.c_str(), nullptr, 10)) + " (" + size + " bytes)"},
   };
   if (document["bitrate"].asInt64() > 0) {
     facts.push_back({"bit rate", FormatBitRate(document["bitrate"].asUInt64())});
@@ -115,11 +115,13 @@ Exit RunProbe(const ProbeOptions& options) {
 void AddProbe(CLI::App& app, Command& command) {
   CLI::App* sub = app.add_subcommand("probe", "Show a video's container, duration and tracks");
   auto options = std::make_shared<ProbeOptions>();
-  sub->add_option("file", options->file, "The video file")->required()->type_name("FILE");
+  sub->add_option("FILE", options->file, "The video file")->required()->option_text(" ");
   CLI::Option* json =
       sub->add_flag("--json", options->json, "Print the metadata document as one line of JSON");
   sub->add_flag("--pretty", options->pretty, "Print the metadata document as indented JSON")
-      ->excludes(json);
+      ->excludes(json)
+      ->option_text(" ");
+  json->option_text(" ");  // without a note of what excludes what
   sub->footer(kFooter);
   sub->callback([options, &command] {
     command.json = options->json || options->pretty;

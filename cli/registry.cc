@@ -156,10 +156,9 @@ void AddRegistry(CLI::App& app, Command& command) {
       sub->add_flag("--clean", options->clean,
                     "Also remove working directories that nobody serves, and say how many");
   sub->add_option("--older-than", options->older_than,
-                  "With --clean: only directories without a change for S seconds")
-      ->capture_default_str()
+                  "With --clean: only those without a change for S seconds (default 900)")
       ->needs(clean)
-      ->type_name("S");
+      ->option_text("S");
   sub->footer(kFooter);
   sub->callback([options, &command] {
     command.json = options->json;

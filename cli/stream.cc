@@ -99,9 +99,16 @@ Copied CopyStream(ByteStream& stream, ByteOutput& output, Progress& progress,
   }
 }
 
+// The plan with the same choices, as the user would type it.
 std::string PlanCommand(const StreamOptions& options) {
   std::vector<std::string> words = {"tarnvte", "plan", options.request.file};
-  if (!options.audio.empty()) words.insert(words.end(), {"--audio", options.audio});
+  const auto add = [&words](const char* name, const std::string& value) {
+    if (!value.empty()) words.insert(words.end(), {name, value});
+  };
+  add("--profile", options.request.profile_key);
+  add("--profile-file", options.request.profile_file);
+  add("--audio", options.audio);
+  if (options.start > 0) add("--start", std::to_string(options.start));
   return ShellLine(words);
 }
 
@@ -123,13 +130,13 @@ void CheckWhole(const StreamOptions& options, const Copied& copied, unsigned dur
                 ""};
 }
 
-Exit RunStream(StreamOptions options, bool verbose) {
+Exit RunStream(const StreamOptions& options, bool verbose) {
   const std::string file = Printable(options.request.file);
   const std::string source = ResolveVideo(options.request.file);
-  CompleteProfile(options.request);
+  const StreamRequest request = WithProfile(options.request);
   const Interrupts interrupts;
   ByteOutput output(options.output, source);
-  const PreparedStream prepared(options.request);
+  const PreparedStream prepared(request);
   interrupts.Check();
   ByteStream stream(prepared.id());
   CheckSource(stream.source(), options.start, file);
@@ -157,25 +164,25 @@ void AddStream(CLI::App& app, Command& command) {
   auto options = std::make_shared<StreamOptions>();
   StreamRequest& request = options->request;
   request.kind = "WEBM";
-  sub->add_option("file", request.file, "The video file")->required()->type_name("FILE");
+  sub->add_option("FILE", request.file, "The video file")->required()->option_text(" ");
   sub->add_option("--kind", request.kind, "Kind of stream: WEBM is the one that this version has")
       ->transform(CLI::IsMember({"WEBM"}, CLI::ignore_case))
-      ->type_name("KIND");
+      ->option_text("KIND");
   sub->add_option("--profile", request.profile_key,
                   "Transcoding profile (default " + DefaultProfileKey("WEBM") + ")")
-      ->type_name("KEY");
+      ->option_text("KEY");
   sub->add_option("--profile-file", request.profile_file,
                   "File with transcoding profiles (default " + DefaultProfileFile("WEBM") + ")")
-      ->type_name("PATH");
+      ->option_text("PATH");
   sub->add_option("--audio", options->audio,
                   "Audio track by its id in \"tarnvte probe\" (default: the first)")
-      ->type_name("ID");
+      ->option_text("ID");
   sub->add_option("--start", options->start, "Start at this second of the video")
       ->check(CLI::Range(0, 2147483))
-      ->type_name("S");
+      ->option_text("S");
   sub->add_option("-o,--output", options->output,
                   "File to write; \"-\" or none: standard output, which must not be a terminal")
-      ->type_name("OUT");
+      ->option_text("OUT");
   sub->footer(kFooter);
   sub->callback([options, &command] {
     command.run = [options, &command] { return RunStream(*options, command.verbose); };

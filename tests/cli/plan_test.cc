@@ -1,0 +1,268 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <regex>
+
+#include "run_command.h"
+
+namespace {
+
+using tarn_test::CopyOfClip;
+using tarn_test::ParseJson;
+using tarn_test::Result;
+using tarn_test::Tarnvte;
+using tarn_test::WorkingDirectories;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+// How much the source justifies depends on the encoder that made it.
+std::string WithoutBitRate(const std::string& listing) {
+  return std::regex_replace(listing, std::regex("\n  bit rate [^\n]*"), "");
+}
+
+TEST(Plan, ApolloLakeTranscodesAVaapiProfileInHardware) {
+  const Result result = Tarnvte({"plan", CopyOfClip(), "--platform", "apollolake", "--profile",
+                                 "webm_hd720_h264_vaapi_vb1500_mp3_ab128", "--start", "3"});
+  EXPECT_EQ(0, result.status) << result.err;
+  EXPECT_EQ(R"(/volume1/clip.mkv
+  kind        WEBM, profile webm_hd720_h264_vaapi_vb1500_mp3_ab128
+  platform    apollolake
+  decision    transcode in hardware with ffmpeg: the profile encodes with h264_vaapi, which this platform's hardware does
+  video       h264 640x360, 25 fps -> 1280x720
+  audio       track 1, aac, 2 channels, copied
+  room        0 of 100 hardware transcoders running, one more may start
+  capability  code 0, possible
+  answer      accepted
+
+Command, one argument a line (--shell prints it as one line):
+  /var/packages/Orbfold/target/bin/ffmpeg41
+  -ss
+  3.000
+  -vaapi_device
+  /dev/dri/renderD128
+  -hwaccel
+  vaapi
+  -hwaccel_output_format
+  vaapi
+  -noautorotate
+  -i
+  /volume1/clip.mkv
+  -vf
+  format=nv12|vaapi,hwupload,scale_vaapi=w=1280:h=720,scale_vaapi=format=nv12
+  -vcodec
+  h264_vaapi
+  -profile:v
+  main
+  -bf
+  0
+  -vb
+  1500k
+  -maxrate
+  2250k
+  -bufsize
+  3000k
+  -g
+  120
+  -acodec
+  copy
+  -copypriorss:a
+  0
+  -f
+  matroska
+  -cluster_time_limit
+  500
+  -flush_packets
+  1
+  -webm_seek_time
+  3
+  -avoid_negative_ts
+  0
+  -max_muxing_queue_size
+  1024
+  -map
+  0:0
+  -map
+  0:1
+  pipe:1
+)",
+            WithoutBitRate(result.out));
+}
+
+TEST(Plan, MonacoTranscodesASoftwareProfileWithTheOlderBuild) {
+  const Result result = Tarnvte({"plan", CopyOfClip(), "--platform", "monaco", "--profile",
+                                 "webm_hd480_vp8_vb1000_vorbis_ab128"});
+  EXPECT_EQ(0, result.status) << result.err;
+  EXPECT_EQ(R"(/volume1/clip.mkv
+  kind        WEBM, profile webm_hd480_vp8_vb1000_vorbis_ab128
+  platform    monaco
+  decision    transcode in software with ffmpeg: the profile encodes with libvpx
+  video       h264 640x360, 25 fps -> 852x478
+  audio       track 1, aac, 2 channels -> libvorbis
+  room        0 of 0 software transcoders running, one more may start
+  capability  code 0, possible
+  answer      accepted
+
+Command, one argument a line (--shell prints it as one line):
+  /var/packages/Orbfold/target/bin/ffmpeg27
+  -ss
+  0.000
+  -i
+  /volume1/clip.mkv
+  -c:v
+  libvpx
+  -deadline
+  realtime
+  -cpu-used
+  8
+  -lag-in-frames
+  0
+  -threads
+  4
+  -pix_fmt
+  yuv420p
+  -b:v
+  1000k
+  -maxrate
+  1500k
+  -bufsize
+  2000k
+  -g
+  120
+  -s
+  852x478
+  -c:a
+  libvorbis
+  -b:a
+  128k
+  -ar:a
+  48000
+  -ac:a
+  2
+  -f
+  webm
+  -cluster_time_limit
+  500
+  -flush_packets
+  1
+  -webm_seek_time
+  0
+  -avoid_negative_ts
+  0
+  -map
+  0:0
+  -map
+  0:1
+  pipe:1
+)",
+            WithoutBitRate(result.out));
+}
+
+TEST(Plan, LeavesNothingBehind) {
+  const std::string clip = CopyOfClip();
+  EXPECT_EQ(0, Tarnvte({"plan", clip}).status);
+  for (const char* kind : {"HLS", "HTTP", "SS"}) {
+    const std::string profile = std::string(kind) == "HLS" ? "hls_hd720_x264_vb1500_aac_ab128"
+                                : std::string(kind) == "HTTP"
+                                    ? "http_hd720_x264_vb1500_ac3_ab128"
+                                    : "smoothstreaming_hd480_x264_vb1000_vf15_aac_ab96";
+    EXPECT_EQ(0, Tarnvte({"plan", clip, "--kind", kind, "--profile", profile}).status) << kind;
+  }
+  EXPECT_EQ(4, Tarnvte({"plan", clip, "--audio", "9"}).status);
+  EXPECT_THAT(WorkingDirectories(), IsEmpty());
+}
+
+TEST(Plan, InterruptedLeavesNothingBehind) {
+  const std::string clip = CopyOfClip();
+  tarn_test::Running plan({"plan", clip});
+  ASSERT_TRUE(tarn_test::Eventually([] { return !WorkingDirectories().empty(); }));
+  plan.Signal(SIGINT);
+  const int status = plan.Wait().status;
+  // The plan may have been ready already.
+  EXPECT_TRUE(status == 130 || status == 0) << status;
+  EXPECT_THAT(WorkingDirectories(), IsEmpty());
+}
+
+TEST(Plan, OtherKindsShowDecisionsAndSayThatTheirCommandIsMissing) {
+  const Result result = Tarnvte({"plan", CopyOfClip(), "--kind", "hls", "--profile",
+                                 "hls_remux_aac_ab128", "--platform", "braswell"});
+  EXPECT_EQ(0, result.status) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("decision  copy the video with ffmpeg: the profile copies"));
+  EXPECT_THAT(result.out, HasSubstr("audio     track 1, aac, 2 channels, copied"));
+  EXPECT_THAT(result.out,
+              HasSubstr("The command of a HLS stream is not available in this version.\n"));
+}
+
+TEST(Plan, RefusalOfTheHardwareIsPrintedAndIsTheStatus) {
+  tarn_test::MakeLongVideo(2);
+  ASSERT_EQ(0, std::system("/usr/bin/ffmpeg -nostdin -v error -i /volume1/long.mkv -c:v libvpx "
+                           "-c:a libvorbis /volume1/vp8.webm"));
+  const Result result = Tarnvte({"plan", "/volume1/vp8.webm", "--kind", "HLS", "--profile",
+                                 "hls_hd720_gst_vb1500_aac_ab128", "--platform", "monaco"});
+  EXPECT_EQ(4, result.status);
+  EXPECT_THAT(result.out, HasSubstr("code 2, codec not supported by the hardware"));
+  EXPECT_THAT(result.out, HasSubstr("refused: TransVideoNotHardwareSupported"));
+  EXPECT_EQ(
+      "tarnvte: /volume1/vp8.webm: TransVideoNotHardwareSupported: the hardware cannot decode this "
+      "video codec; choose a software profile\n",
+      result.err);
+}
+
+TEST(Plan, JsonCarriesDecisionsAndArguments) {
+  const Result result = Tarnvte({"plan", CopyOfClip(), "--json", "--audio", "1"});
+  EXPECT_EQ(0, result.status);
+  const Json::Value plan = ParseJson(result.out);
+  EXPECT_TRUE(plan["accepted"].asBool());
+  EXPECT_EQ("transcode", plan["video"]["mode"].asString());
+  EXPECT_EQ(1500000u, plan["video"]["bitrate_wanted"].asUInt());
+  EXPECT_LE(plan["video"]["bitrate_justified"].asUInt(), 1500000u);
+  EXPECT_EQ("1", plan["audio"]["id"].asString());
+  EXPECT_EQ("pipe:1", plan["arguments"][plan["arguments"].size() - 1].asString());
+}
+
+TEST(Plan, UnknownAudioTrackIsRefusedInJsonToo) {
+  const Result result = Tarnvte({"plan", CopyOfClip(), "--json", "--audio", "9"});
+  EXPECT_EQ(4, result.status);
+  const Json::Value plan = ParseJson(result.out);
+  EXPECT_FALSE(plan["accepted"].asBool());
+  EXPECT_EQ("TransAudioNotSupported", plan["error"].asString());
+  EXPECT_FALSE(plan["audio"]["found"].asBool());
+}
+
+TEST(Plan, ShellLineRunsAsItStands) {
+  const std::string clip = CopyOfClip();
+  const std::string odd = "/volume1/it's a \"clip\" $(x).mkv";
+  std::filesystem::rename(clip, odd);
+  const Result result = Tarnvte(
+      {"plan", odd, "--shell", "--profile", "quick", "--profile-file", tarn_test::TestProfiles()});
+  ASSERT_EQ(0, result.status) << result.err;
+  tarn_test::WriteFile("/tmp/command.sh", result.out);
+  ASSERT_EQ(0, std::system("sh /tmp/command.sh > /tmp/out.webm 2>/dev/null"));
+  EXPECT_GT(std::filesystem::file_size("/tmp/out.webm"), 10000u);
+}
+
+TEST(Plan, WrongProfilesAreUsageErrorsThatNameTheRightOnes) {
+  const std::string clip = CopyOfClip();
+  const Result unknown = Tarnvte({"plan", clip, "--profile", "nope"});
+  EXPECT_EQ(2, unknown.status);
+  EXPECT_THAT(unknown.err, HasSubstr("webm_hd720_vp8_vb1500_vorbis_ab128"));
+  const Result none = Tarnvte({"plan", clip, "--kind", "HLS"});
+  EXPECT_EQ(2, none.status);
+  EXPECT_THAT(none.err, HasSubstr("hls_hd720_x264_vb1500_aac_ab128"));
+  tarn_test::WriteFile("/tmp/list.json", "[1]");
+  EXPECT_EQ(3, Tarnvte({"plan", clip, "--profile-file", "/tmp/list.json"}).status);
+  EXPECT_EQ(3, Tarnvte({"plan", clip, "--profile-file", "/tmp/missing.json"}).status);
+}
+
+TEST(Plan, PlatformIsPretendedOnlyInTheSandbox) {
+  const std::string clip = CopyOfClip();
+  EXPECT_EQ(2, Tarnvte({"plan", clip, "--platform", "x\"\nother"}).status);
+  ASSERT_TRUE(std::filesystem::remove("/run/tarnvte-sandbox"));
+  const Result result = Tarnvte({"plan", clip, "--platform", "monaco"});
+  EXPECT_EQ(2, result.status);
+  EXPECT_THAT(result.err, HasSubstr("sandbox"));
+  EXPECT_FALSE(std::filesystem::exists("/etc.defaults/tarninfo.conf"));
+}
+
+}  // namespace
