@@ -28,17 +28,31 @@ packages_known() {
   [[ -e $stamp && $stamp -nt packaging/debian-packages.txt && $stamp -nt /var/lib/dpkg/status ]]
 }
 
+# Runs a command silently; what it printed is shown only when it fails.
+quietly() {
+  local log
+  log=$("$@" 2>&1) || {
+    printf '%s\n' "$log" >&2
+    return 1
+  }
+}
+
+# prepare TARGET...: builds the targets, saying so only when there is something to do.
 prepare() {
   if ! packages_known; then
     install_packages || return 1
     mkdir -p build && touch build/packages-checked
   fi
   if [[ ! -e $build/build.ninja ]]; then
-    cmake --preset dev >&2 || return 1
+    quietly cmake --preset dev || return 1
   fi
-  local log
-  if ! log=$(ninja -C "$build" "$@" 2>&1); then
-    printf '%s\n' "$log" >&2
-    return 1
+  if [[ $(ninja -C "$build" -n "$@" 2>&1) == *'no work to do'* ]]; then
+    return
+  fi
+  if [[ -t 2 ]]; then
+    ninja -C "$build" "$@" >&2
+  else
+    echo "Building; the first time takes some minutes" >&2
+    quietly ninja -C "$build" "$@"
   fi
 }
