@@ -52,7 +52,6 @@ bool SubprocessState::Start() {
   program_.standard_input = source_ != nullptr ? source_->output_.get() : -1;
   program_.standard_output = output_write.get();
   if (!child_.Launch(program_)) return false;
-  if (source_ != nullptr) source_->DropOutput();
   pid_ = child_.pid();
   pidfd_ = tarn::OpenPidfd(pid_);
   // Gone already is no failure: where SIGCHLD is ignored, nothing stays of a child that ended.

@@ -65,6 +65,7 @@ TEST_F(VolumeService, NeverChoosesAReadOnlyVolume) {
   EXPECT_EQ(Ask(kMiB), "/volume1");
   ASSERT_EQ(umount("/volume1"), 0);
   EXPECT_EQ(Ask(kMiB), "0 flags 1");
+  EXPECT_EQ(Ask(0), "0 flags 1");
 }
 
 TEST_F(VolumeService, LooksOnlyAtMountsNamedVolume) {
