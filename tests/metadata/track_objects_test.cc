@@ -66,7 +66,7 @@ TEST_F(TrackObjects, AStreamThatSaysNothingHasEveryVideoKeyExceptTheFrameRate) {
 }
 
 TEST_F(TrackObjects, ACodecThatHasNoNameIsAv1WhenItsTagSaysSo) {
-  codec().codec_id = static_cast<AVCodecID>(0x7ffffff0);
+  codec().codec_id = static_cast<AVCodecID>(0x3fff0);
   codec().codec_tag = MKTAG('a', 'v', '0', '1');
   EXPECT_EQ(Video()["codec"], "av1");
   EXPECT_EQ(Video()["codec_raw"], "av1");
