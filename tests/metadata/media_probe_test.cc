@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
+#include <cmath>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -28,6 +30,12 @@ namespace LibTarnVTE {
 namespace {
 
 std::string Media(const std::string& name) { return std::string(TARN_TEST_MEDIA "/") + name; }
+
+std::string Content(const std::string& path) {
+  std::string data;
+  EXPECT_TRUE(tarn::ReadWholeFile(path, 16 << 20, data)) << path;
+  return data;
+}
 
 Json::Value Probe(const std::string& path) {
   Json::Value document;
@@ -325,9 +333,7 @@ TEST(MediaProbe, ChannelLayoutsHaveTheirNames) {
 // A file of the size that the text says, almost all of it a hole.
 TEST(MediaProbe, AFileAboveFourGigabytesHasItsSizeAsDigits) {
   const std::string path = "/tmp/large.mkv";
-  std::string data;
-  ASSERT_TRUE(tarn::ReadWholeFile(Media("container.mkv"), 10 << 20, data));
-  ASSERT_TRUE(tarn::ReplaceFile(path, data, 0644));
+  ASSERT_TRUE(tarn::ReplaceFile(path, Content(Media("container.mkv")), 0644));
   ASSERT_EQ(truncate(path.c_str(), 5368709120), 0);
   EXPECT_EQ(Probe(path)["filesize"], Json::Value("5368709120"));
 }
@@ -340,6 +346,27 @@ TEST(MediaProbe, AnUnknownDurationIsTheTruncationOfItsNumber) {
   const Json::Value document = Probe(path);
   EXPECT_EQ(document["duration"], 2217714954U);
   EXPECT_EQ(document["start_time"], 2217714954U);
+}
+
+// The length that a Matroska file gives itself is a floating-point number of milliseconds.
+TEST(MediaProbe, AnAbsurdDurationIsTheTruncationOfItsNumber) {
+  const std::string path = "/tmp/absurd.mkv";
+  const std::string original = Content(Media("container.mkv"));
+  const size_t element = original.find("\x44\x89\x88");
+  ASSERT_NE(element, std::string::npos);
+  bool beyond_unsigned = false;
+  for (const double milliseconds :
+       {0.0, -1.0, 1e9, 2147483648e3, 1e13, 9e15, 1e18, 1e300, HUGE_VAL, -HUGE_VAL, std::nan("")}) {
+    SCOPED_TRACE(milliseconds);
+    std::string data = original;
+    const auto bits = __builtin_bswap64(std::bit_cast<uint64_t>(milliseconds));
+    data.replace(element + 3, sizeof bits, reinterpret_cast<const char*>(&bits), sizeof bits);
+    ASSERT_TRUE(tarn::ReplaceFile(path, data, 0644));
+    const Json::Value expected = tarn::test::Ffprobe(path)["format"]["duration"];
+    EXPECT_EQ(Probe(path)["duration"].asUInt(), WholeSeconds(expected));
+    beyond_unsigned = beyond_unsigned || Number(expected) > int64_t{UINT32_MAX};
+  }
+  EXPECT_TRUE(beyond_unsigned);
 }
 
 class FailedProbe : public testing::Test {
@@ -413,16 +440,13 @@ TEST(MediaProbe, ThePassByItselfNeedsAnAbsolutePathToARegularFile) {
 
 TEST(MediaProbe, APathThatIsNotUtf8IsKeptByteForByte) {
   const std::string path = "/tmp/caf\xe9 \xff\xfe \"quoted\".mkv";
-  std::string data;
-  ASSERT_TRUE(tarn::ReadWholeFile(Media("container.mkv"), 10 << 20, data));
-  ASSERT_TRUE(tarn::ReplaceFile(path, data, 0644));
+  ASSERT_TRUE(tarn::ReplaceFile(path, Content(Media("container.mkv")), 0644));
   EXPECT_EQ(Probe(path)["path"].asString(), path);
 }
 
 TEST(MediaProbe, ATagThatIsNotUtf8IsKeptByteForByte) {
   const std::string path = "/tmp/tagged.mkv";
-  std::string data;
-  ASSERT_TRUE(tarn::ReadWholeFile(Media("languages.mkv"), 10 << 20, data));
+  std::string data = Content(Media("languages.mkv"));
   const std::string old_title = "Sign language & songs";
   const std::string new_title = "Sign \xe9\xe8 \xff& \"\\\x01 song";
   const size_t position = data.find(old_title);
