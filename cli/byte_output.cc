@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -15,6 +17,8 @@
 
 namespace tarncli {
 namespace {
+
+constexpr int kPollMs = 200;
 
 Failure OutputFailure(const std::string& name, int error) {
   const Exit status = error == ENOSPC || error == EDQUOT ? Exit::kNoSpace : Exit::kFailure;
@@ -38,6 +42,8 @@ ByteOutput::ByteOutput(const std::string& name, const std::string& source) : nam
                     ""};
     }
     fd_ = STDOUT_FILENO;
+    struct stat status {};
+    regular_ = fstat(fd_, &status) == 0 && S_ISREG(status.st_mode);
     return;
   }
   struct stat status {};
@@ -65,6 +71,7 @@ void ByteOutput::CreateBeside(const std::string& target) {
   target_ = target;
   partial_ = target + ".partial-XXXXXX";
   fd_ = mkostemp(partial_.data(), O_CLOEXEC);
+  regular_ = true;
   if (fd_ < 0) {
     const int error = errno;
     partial_.clear();
@@ -83,17 +90,17 @@ ByteOutput::~ByteOutput() {
 bool ByteOutput::Write(const char* data, size_t size, const Interrupts& interrupts) {
   while (size > 0) {
     interrupts.Check();
-    const ssize_t written = write(fd_, data, size);
+    // A signal just before a write that blocks would go unnoticed. A pipe that is ready takes this
+    // much without blocking; a regular file is always ready.
+    pollfd writable{fd_, POLLOUT, 0};
+    if (poll(&writable, 1, kPollMs) <= 0) continue;
+    const ssize_t written = write(fd_, data, regular_ ? size : std::min<size_t>(size, PIPE_BUF));
     if (written >= 0) {
       data += written;
       size -= static_cast<size_t>(written);
-    } else if (errno == EAGAIN) {
-      // Standard output is shared with a program that made it non-blocking.
-      pollfd writable{fd_, POLLOUT, 0};
-      poll(&writable, 1, 200);
     } else if (errno == EPIPE) {
       return false;
-    } else if (errno != EINTR) {
+    } else if (errno != EINTR && errno != EAGAIN) {
       throw OutputFailure(name_, errno);
     }
   }

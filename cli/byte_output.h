@@ -33,6 +33,7 @@ class ByteOutput {
   std::string target_;   // where the finished file belongs; empty when written in place
   std::string partial_;  // the temporary name; empty when there is none
   int fd_ = -1;
+  bool regular_ = false;
 };
 
 }  // namespace tarncli

@@ -74,8 +74,8 @@ class PlannedWebM : public LibTarnVTE::WebMStream {
 void PretendPlatform(const std::string& word) {
   struct stat status {};
   if (stat(kSandboxMarker, &status) != 0 || !S_ISDIR(status.st_mode)) {
-    throw Failure{Exit::kUsage,
-                  "--platform works in the sandbox only (./run tarnvte plan ...)", ""};
+    throw Failure{Exit::kUsage, "--platform works in the sandbox only (./run tarnvte plan ...)",
+                  ""};
   }
   if (word.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789_") != std::string::npos) {
     throw Failure{Exit::kUsage, "--platform: a word such as apollolake or rtd1296_kx510", ""};

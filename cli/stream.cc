@@ -2,6 +2,7 @@
 #include <poll.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <memory>
@@ -27,9 +28,11 @@ constexpr char kFooter[] =
     "\n"
     "The file OUT appears when it is whole; an interrupted or failed run leaves nothing.\n";
 
-// How much of the end may be missing before the output counts as cut short. The last cluster begins
-// a few seconds before the end, and containers round their durations.
+// How much of the end may be missing before the output counts as cut short, in seconds and as a
+// part of the whole: the last cluster begins a few seconds before the end, containers round their
+// durations, and a subtitle may outlast the picture.
 constexpr unsigned kMissingSeconds = 15;
+constexpr unsigned kMissingPart = 100;
 constexpr int kPollMs = 200;
 
 struct StreamOptions {
@@ -122,7 +125,8 @@ void CheckWhole(const StreamOptions& options, const Copied& copied, unsigned dur
                   ""};
   }
   const auto position = copied.clock.milliseconds();
-  if (!position || *position / 1000 + kMissingSeconds >= duration) return;
+  const uint64_t tolerated = std::max(kMissingSeconds, duration / kMissingPart);
+  if (!position || *position / 1000 + tolerated >= duration) return;
   throw Failure{Exit::kTranscoder,
                 file + ": the transcoder stopped at " + FormatSeconds(*position / 1000) + " of " +
                     FormatSeconds(duration) +

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/mount.h>
@@ -105,14 +106,12 @@ TEST(Stream, InterruptWhileTheReaderIsSlowLeavesNothing) {
   const std::string video = tarn_test::MakeLongVideo(60);
   int ends[2];
   ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
-  // A full pipe: the command blocks in its first write.
-  ASSERT_EQ(0, fcntl(ends[1], F_SETFL, O_NONBLOCK));
-  std::array<char, 4096> filler{};
-  while (write(ends[1], filler.data(), filler.size()) > 0) {
-  }
-  ASSERT_EQ(0, fcntl(ends[1], F_SETFL, 0));
+  // Nobody reads: the command fills the pipe and blocks in a write.
   Running stream({"stream", video}, ends[1]);
-  ASSERT_TRUE(Eventually(TranscoderRuns));
+  ASSERT_TRUE(Eventually([&] {
+    pollfd writable{ends[1], POLLOUT, 0};
+    return poll(&writable, 1, 0) == 0;
+  }));
   stream.Signal(SIGINT);
   EXPECT_EQ(130, stream.Wait().status);
   ExpectNothingLeft();
@@ -133,6 +132,31 @@ TEST(Stream, ReaderThatGoesAwayEndsItCleanly) {
   EXPECT_EQ(0, result.status);
   EXPECT_EQ("", result.err);
   ExpectNothingLeft();
+}
+
+// A transcoder that hangs: no byte comes that could show the command what happened.
+TEST(Stream, StalledTranscoderHoldsUpNobody) {
+  const std::string video = tarn_test::MakeLongVideo(60);
+  for (const bool reader_goes : {true, false}) {
+    SCOPED_TRACE(reader_goes ? "reader gone" : "interrupted");
+    int ends[2];
+    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+    Running stream({"stream", video, "--profile", "slow", "--profile-file", TestProfiles()},
+                   ends[1]);
+    close(ends[1]);
+    char byte;
+    ASSERT_EQ(1, read(ends[0], &byte, 1));
+    for (int pid : ProcessesWith(kTranscoder)) kill(pid, SIGSTOP);
+    if (reader_goes) {
+      close(ends[0]);
+    } else {
+      stream.Signal(SIGINT);
+    }
+    EXPECT_EQ(reader_goes ? 0 : 130, stream.Wait().status);
+    if (!reader_goes) close(ends[0]);
+    EXPECT_TRUE(Eventually([] { return !TranscoderRuns(); }));
+    EXPECT_THAT(WorkingDirectories(), IsEmpty());
+  }
 }
 
 TEST(Stream, TranscoderThatProducesNothingIsStatus7WithARemedy) {
