@@ -293,7 +293,7 @@ std::string AudioText(const Json::Value& audio) {
   const std::string id = Printable(audio["id"].asString());
   if (!audio["found"].asBool()) return "no track has the id " + id;
   std::string text = "track " + id + ", " + Printable(audio["source_codec"].asString()) + ", " +
-                     audio["source_channels"].asString() + " channels";
+                     Count(audio["source_channels"].asUInt(), "channel");
   if (!audio["decodable"].asBool()) return text + ": cannot be decoded";
   const std::string output = audio["output_codec"].asString();
   if (output.empty()) return text;
@@ -344,8 +344,8 @@ std::string Listing(const PlanOptions& options, const Json::Value& plan) {
                                                       : "refused: " + word});
   std::string text = Printable(options.request.file) + "\n" + FormatTable(rows, "  ") + "\n";
   if (!plan.isMember("arguments")) {
-    return text + "The command of a " + plan["kind"].asString() +
-           " stream is not available in this version.\n";
+    return text + "Commands of kind " + plan["kind"].asString() +
+           " are not available in this version.\n";
   }
   if (plan["arguments"].empty()) return text + "No command can be built for this file.\n";
   text += "Command, one argument a line (--shell prints it as one line):\n";

@@ -43,25 +43,25 @@ std::string VideoDetails(const Json::Value& video) {
   AddPart(text, Text(video, "pix_fmt"));
   if (video["bitrate"].asInt64() > 0) AddPart(text, FormatBitRate(video["bitrate"].asUInt64()));
   if (video["rotate"].asInt() != 0) AddPart(text, "rotated " + Text(video, "rotate") + " degrees");
-  AddPart(text, Text(video, "language"));
   return text;
 }
 
 std::string AudioDetails(const Json::Value& audio) {
   std::string text = Text(audio, "channel_layout");
-  if (text.empty()) text = Text(audio, "channel") + " channels";
+  if (text.empty() || text.find(" channels") != std::string::npos) {
+    text = Count(audio["channel"].asUInt(), "channel");
+  }
   AddPart(text, Text(audio, "sample_rate") + " Hz");
   AddPart(text, Text(audio, "profile"));
   if (audio["bitrate"].asInt64() > 0) AddPart(text, FormatBitRate(audio["bitrate"].asUInt64()));
-  AddPart(text, Text(audio, "language"));
   if (audio["is_default"].asBool()) AddPart(text, "default");
   return text;
 }
 
-std::string SubtitleDetails(const Json::Value& subtitle) {
-  std::string text = Text(subtitle, "language");
-  AddPart(text, Text(subtitle, "title"));
-  return text;
+// "und" is how a container says that it does not know.
+std::string Language(const Json::Value& track) {
+  const std::string language = Text(track, "language");
+  return language == "und" ? "" : language;
 }
 
 std::string Duration(const Json::Value& document) {
@@ -69,30 +69,32 @@ std::string Duration(const Json::Value& document) {
   return KnownDuration(seconds) == seconds ? FormatSeconds(seconds) : "unknown";
 }
 
+std::string Size(const Json::Value& document) {
+  const std::string bytes = document["filesize"].asString();
+  const std::string size = FormatBytes(std::strtoull(bytes.c_str(), nullptr, 10));
+  return size.find("byte") == std::string::npos ? size + " (" + bytes + " bytes)" : size;
+}
+
 std::string Listing(const ProbeOptions& options, const Json::Value& document) {
-  const std::string size = document["filesize"].asString();
   std::vector<std::vector<std::string>> facts = {
       {"container", Text(document, "container_type")},
       {"duration", Duration(document)},
-      {"size", FormatBytes(std::strtoull(size.c_str(), nullptr, 10)) + " (" + size + " bytes)"},
+      {"size", Size(document)},
   };
   if (document["bitrate"].asInt64() > 0) {
     facts.push_back({"bit rate", FormatBitRate(document["bitrate"].asUInt64())});
   }
-  std::vector<std::vector<std::string>> tracks = {{"id", "track", "type", "codec", "details"}};
-  const Json::Value& table = document["track_info"];
-  for (const Json::Value& video : table["video"]) {
-    tracks.push_back({Text(video, "id"), Text(video, "track"), "video", Text(video, "codec"),
-                      VideoDetails(video)});
-  }
-  for (const Json::Value& audio : table["audio"]) {
-    tracks.push_back({Text(audio, "id"), Text(audio, "track"), "audio", Text(audio, "codec"),
-                      AudioDetails(audio)});
-  }
-  for (const Json::Value& subtitle : table["subtitle"]) {
-    tracks.push_back({Text(subtitle, "id"), Text(subtitle, "track"), "subtitle",
-                      Text(subtitle, "codec"), SubtitleDetails(subtitle)});
-  }
+  std::vector<std::vector<std::string>> tracks = {
+      {"id", "track", "type", "codec", "language", "details"}};
+  const auto add = [&](const char* type, std::string (*details)(const Json::Value&)) {
+    for (const Json::Value& track : document["track_info"][type]) {
+      tracks.push_back({Text(track, "id"), Text(track, "track"), type, Text(track, "codec"),
+                        Language(track), details(track)});
+    }
+  };
+  add("video", VideoDetails);
+  add("audio", AudioDetails);
+  add("subtitle", [](const Json::Value& subtitle) { return Text(subtitle, "title"); });
   std::string listing = Printable(options.file) + "\n" + FormatTable(facts, "  ") + "\n";
   return listing + (tracks.size() > 1 ? FormatTable(tracks, "  ") : "  no tracks\n");
 }

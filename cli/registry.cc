@@ -103,10 +103,6 @@ Json::Value Collect(const RegistryOptions& options) {
   return value;
 }
 
-std::string Count(unsigned number, const char* one, const char* many) {
-  return std::to_string(number) + " " + (number == 1 ? one : many);
-}
-
 std::vector<std::string> RoomRow(const char* kind, const Json::Value& value) {
   return {kind, value["running"].asString() + " of " + value["limit"].asString() + " running",
           value["room"].asBool() ? "one more may start" : "no room"};
@@ -130,11 +126,8 @@ std::string Listing(const Json::Value& value) {
           FormatTable(
               {RoomRow("software", value["software"]), RoomRow("hardware", value["hardware"])}, "");
   if (value.isMember("removed_entries")) {
-    text += "\nRemoved " + Count(value["removed_entries"].asUInt(), "dead entry", "dead entries") +
-            " and " +
-            Count(value["removed_directories"].asUInt(), "left-over working directory",
-                  "left-over working directories") +
-            ".\n";
+    text += "\nRemoved " + Count(value["removed_entries"].asUInt(), "dead record") + " and " +
+            Count(value["removed_directories"].asUInt(), "left-over working folder") + ".\n";
   }
   return text;
 }
@@ -154,7 +147,7 @@ void AddRegistry(CLI::App& app, Command& command) {
   sub->add_flag("--json", options->json, "Print one line of JSON");
   CLI::Option* clean =
       sub->add_flag("--clean", options->clean,
-                    "Also remove working directories that nobody serves, and say how many");
+                    "Also remove working folders that nobody serves, and say how many");
   sub->add_option("--older-than", options->older_than,
                   "With --clean: only those without a change for S seconds (default 900)")
       ->needs(clean)

@@ -48,6 +48,10 @@ std::string Printable(const std::string& text) {
   return clean;
 }
 
+std::string Count(unsigned number, const std::string& noun) {
+  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
+}
+
 unsigned KnownDuration(unsigned seconds) {
   constexpr unsigned kLongest = 2147483;
   return seconds <= kLongest ? seconds : 0;

@@ -24,6 +24,9 @@ std::string Printable(const std::string& text);
 // number then, and no video lasts 24 days).
 unsigned KnownDuration(unsigned seconds);
 
+// "1 channel", "2 channels".
+std::string Count(unsigned number, const std::string& noun);
+
 // 75 s is "0:01:15".
 std::string FormatSeconds(uint64_t seconds);
 // 1287002 is "1.2 MiB".

@@ -190,8 +190,7 @@ TEST(Plan, OtherKindsShowDecisionsAndSayThatTheirCommandIsMissing) {
   EXPECT_EQ(0, result.status) << result.err;
   EXPECT_THAT(result.out, HasSubstr("decision  copy the video with ffmpeg: the profile copies"));
   EXPECT_THAT(result.out, HasSubstr("audio     track 1, aac, 2 channels, copied"));
-  EXPECT_THAT(result.out,
-              HasSubstr("The command of a HLS stream is not available in this version.\n"));
+  EXPECT_THAT(result.out, HasSubstr("Commands of kind HLS are not available in this version.\n"));
 }
 
 TEST(Plan, RefusalOfTheHardwareIsPrintedAndIsTheStatus) {

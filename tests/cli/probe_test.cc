@@ -19,15 +19,16 @@ TEST(Probe, ListsContainerDurationAndTracksForPeople) {
   const Result result = Tarnvte({"probe", CopyOfClip()});
   EXPECT_EQ(0, result.status);
   EXPECT_EQ("", result.err);
-  EXPECT_THAT(result.out, ContainsRegex("^/volume1/clip.mkv\n"
-                                        "  container  matroska,webm\n"
-                                        "  duration   0:00:10\n"
-                                        "  size       [0-9.]+ MiB \\([0-9]+ bytes\\)\n"
-                                        "  bit rate   [0-9.]+ Mbit/s\n"
-                                        "\n"
-                                        "  id  track  type   codec  details\n"
-                                        "  0   0      video  h264   640x360, 25 fps, .*yuv420p.*\n"
-                                        "  1   1      audio  aac    stereo, 48000 Hz, LC.*\n$"));
+  EXPECT_THAT(result.out,
+              ContainsRegex("^/volume1/clip.mkv\n"
+                            "  container  matroska,webm\n"
+                            "  duration   0:00:10\n"
+                            "  size       [0-9.]+ MiB \\([0-9]+ bytes\\)\n"
+                            "  bit rate   [0-9.]+ Mbit/s\n"
+                            "\n"
+                            "  id  track  type   codec  language  details\n"
+                            "  0   0      video  h264             640x360, 25 fps, .*yuv420p.*\n"
+                            "  1   1      audio  aac              stereo, 48000 Hz, LC.*\n$"));
 }
 
 TEST(Probe, JsonIsTheDocumentOnOneLine) {

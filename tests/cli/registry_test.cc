@@ -72,7 +72,7 @@ TEST(Registry, CleanRemovesDeadEntriesAndLeftOverDirectories) {
   EXPECT_EQ(0u, young["removed_directories"].asUInt());
   const Result old = Tarnvte({"registry", "--clean", "--older-than", "0"});
   EXPECT_EQ(0, old.status);
-  EXPECT_THAT(old.out, HasSubstr("Removed 0 dead entries and 1 left-over working directory.\n"));
+  EXPECT_THAT(old.out, HasSubstr("Removed 0 dead records and 1 left-over working folder.\n"));
   EXPECT_THAT(tarn_test::WorkingDirectories(), ::testing::IsEmpty());
 }
 
