@@ -257,6 +257,7 @@ TEST(Plan, WrongProfilesAreUsageErrorsThatNameTheRightOnes) {
 TEST(Plan, PlatformIsPretendedOnlyInTheSandbox) {
   const std::string clip = CopyOfClip();
   EXPECT_EQ(2, Tarnvte({"plan", clip, "--platform", "x\"\nother"}).status);
+  std::filesystem::remove("/etc.defaults/tarninfo.conf");
   ASSERT_TRUE(std::filesystem::remove("/run/tarnvte-sandbox"));
   const Result result = Tarnvte({"plan", clip, "--platform", "monaco"});
   EXPECT_EQ(2, result.status);
