@@ -92,7 +92,7 @@ int Report(const char* path) {
   out << "umask " << std::oct << mask << std::dec << "\n";
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);) {
-    for (const char* set : {"SigBlk", "SigIgn", "SigCgt"}) {
+    for (const char* set : {"SigBlk", "SigIgn"}) {
       if (line.starts_with(set)) out << line << "\n";
     }
   }

@@ -297,8 +297,7 @@ TEST_F(Pipeline, ChildInheritsNothingButItsStreamsItsPipeAndACleanEnvironment) {
                 "env TARN_CODEC_PKG_NAME=reelbay\n"
                 "umask 22\n"
                 "SigBlk:\t0000000000000000\n"
-                "SigIgn:\t0000000000000000\n"
-                "SigCgt:\t0000000000000000\n");
+                "SigIgn:\t0000000000000000\n");
 }
 
 TEST_F(Pipeline, ThousandStartsLeaveNoZombieAndNoDescriptor) {
