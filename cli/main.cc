@@ -6,6 +6,7 @@
 #include <cstring>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "command.h"
 #include "text.h"
@@ -36,6 +37,13 @@ bool WantsJson(int argc, char** argv) {
     if (std::strcmp(argv[i], "--json") == 0) return true;
   }
   return false;
+}
+
+// CLI11 asks for a subcommand before it looks at a word that is none.
+std::string UsageProblem(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<std::string> unknown = app.remaining();
+  if (!app.get_subcommands().empty() || unknown.empty()) return error.what();
+  return "there is no subcommand " + Printable(unknown.front());
 }
 
 int Report(const Failure& failure, bool json) {
@@ -85,7 +93,7 @@ int Main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
-    return Report({Exit::kUsage, std::string(error.what()) + " (see --help)", ""},
+    return Report({Exit::kUsage, UsageProblem(app, error) + " (see --help)", ""},
                   WantsJson(argc, argv));
   }
   return Run(command);

@@ -59,6 +59,12 @@ TEST(Usage, WrongUsageIsStatus2AndOneLine) {
   }
 }
 
+TEST(Usage, UnknownSubcommandIsNamed) {
+  EXPECT_EQ("tarnvte: there is no subcommand frobnicate (see --help)\n",
+            Tarnvte({"frobnicate"}).err);
+  EXPECT_EQ("tarnvte: A subcommand is required (see --help)\n", Tarnvte({}).err);
+}
+
 TEST(Usage, FailuresAreAlsoJsonWhereJsonWasAskedFor) {
   const Result usage = Tarnvte({"probe", "--json", "--nonsense", "a"});
   EXPECT_EQ(2, usage.status);
