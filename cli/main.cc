@@ -43,7 +43,8 @@ bool WantsJson(int argc, char** argv) {
 std::string UsageProblem(const CLI::App& app, const CLI::ParseError& error) {
   const std::vector<std::string> unknown = app.remaining();
   if (!app.get_subcommands().empty() || unknown.empty()) return error.what();
-  return "there is no subcommand " + Printable(unknown.front());
+  const std::string what = unknown.front().rfind('-', 0) == 0 ? "option " : "subcommand ";
+  return "there is no " + what + Printable(unknown.front());
 }
 
 int Report(const Failure& failure, bool json) {
