@@ -138,13 +138,21 @@ void StopChild(pid_t pid) {
   // Until it was reaped the pid is this child's; afterwards it may be a stranger's.
   if (reaped()) return;
   const UniqueFd pidfd = OpenPidfd(pid);
+  const auto send = [&](int signal) {
+    // Without a descriptor to be had the pid must do, or the last wait would never end.
+    if (pidfd.valid()) {
+      SignalPidfd(pidfd, signal);
+    } else {
+      kill(pid, signal);
+    }
+  };
   ChangeWaiter waiter;
   waiter.WatchProcess(pid);
-  SignalPidfd(pidfd, SIGINT);
+  send(SIGINT);
   if (waiter.WaitUntil(reaped, 3, 1000)) return;
-  SignalPidfd(pidfd, SIGTERM);
+  send(SIGTERM);
   if (waiter.WaitUntil(reaped, 2, 1000)) return;
-  SignalPidfd(pidfd, SIGKILL);
+  send(SIGKILL);
   WaitChild(pid, status);
 }
 

@@ -127,6 +127,17 @@ TEST(ReplaceFile, KeepsTheOldTextOnAFullDisk) {
   EXPECT_EQ(Entries("/tmp/small"), 1u);
 }
 
+TEST(ReplaceFile, BearsATimerThatInterruptsEveryMillisecond) {
+  const test::FastTimer timer;
+  std::string text;
+  for (int i = 0; i < 1000; ++i) {
+    const std::string written(200'000, static_cast<char>('a' + i % 26));
+    ASSERT_TRUE(tarn::ReplaceFile("/tmp/interrupted", written, 0644));
+    ASSERT_TRUE(tarn::ReadWholeFile("/tmp/interrupted", 1 << 20, text));
+    ASSERT_EQ(text, written);
+  }
+}
+
 // Every read of a million sees one whole text while another process replaces it.
 TEST(ReplaceFile, NoReaderEverSeesAnEmptyOrTornFile) {
   const std::string texts[] = {std::string(5000, 'a'), std::string(9000, 'b')};

@@ -278,6 +278,17 @@ TEST(StopChild, InterruptsAndReaps) {
   tarn::StopChild(0);
 }
 
+TEST(StopChild, StopsAlsoWithoutAFreeDescriptor) {
+  const pid_t pid = InChild([] {
+    const pid_t child = Sleeper();
+    const rlimit none{3, 3};
+    setrlimit(RLIMIT_NOFILE, &none);
+    tarn::StopChild(child);
+    return waitpid(child, nullptr, WNOHANG) == -1 ? 7 : 1;
+  });
+  EXPECT_EQ(WEXITSTATUS(WaitFor(pid)), 7);
+}
+
 TEST(StopChild, KillsWhoIgnoresEverything) {
   const pid_t pid = InChild([]() -> int {
     signal(SIGINT, SIG_IGN);

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <clocale>
 #include <cstdint>
 #include <limits>
 #include <locale>
@@ -33,16 +32,11 @@ TEST(FormatClassic, KeepsSixSignificantDigits) {
   EXPECT_EQ(tarn::FormatClassic(4294967295u), "4294967295");
 }
 
-// One that a comma-writing caller would set, in C and in C++.
+// A global locale that writes "1.234,5", for the lifetime.
 class CommaLocale {
  public:
-  CommaLocale() : global_(std::locale::global(std::locale(std::locale(), new Comma))) {
-    comma_in_c_ = std::setlocale(LC_NUMERIC, "de_DE.UTF-8") != nullptr;
-  }
-  ~CommaLocale() {
-    std::locale::global(global_);
-    std::setlocale(LC_ALL, "C");
-  }
+  CommaLocale() : previous_(std::locale::global(std::locale(std::locale(), new Comma))) {}
+  ~CommaLocale() { std::locale::global(previous_); }
 
  private:
   struct Comma : std::numpunct<char> {
@@ -50,8 +44,7 @@ class CommaLocale {
     char do_thousands_sep() const override { return '.'; }
     std::string do_grouping() const override { return "\3"; }
   };
-  std::locale global_;
-  bool comma_in_c_;
+  std::locale previous_;
 };
 
 TEST(Format, IgnoresTheCallersLocale) {

@@ -112,6 +112,13 @@ TEST(CheckFile, RefusesEverythingElseWithoutBlocking) {
   EXPECT_EQ(size, -7);
 }
 
+TEST(CheckFile, BearsATimerThatInterruptsEveryMillisecond) {
+  const test::FastTimer timer;
+  test::WriteText("/tmp/timer.mkv", "x");
+  long size = 0;
+  for (int i = 0; i < 20'000; ++i) ASSERT_TRUE(CheckFileAndGetSize("/tmp/timer.mkv", size));
+}
+
 TEST(CheckFile, FailsWithoutRootRights) {
   const test::CapturedLog log;
   test::WriteText("/tmp/a.mkv", "x");

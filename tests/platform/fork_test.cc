@@ -130,6 +130,11 @@ TEST(ForkDetached, WorksForACallerThatIgnoresItsChildren) {
   ForkAThousandTimes();
 }
 
+TEST(ForkDetached, BearsATimerThatInterruptsEveryMillisecond) {
+  const test::FastTimer timer;
+  ForkAThousandTimes();
+}
+
 TEST(ForkDetached, FailsWithoutResources) {
   const pid_t pid = test::InChild([] {
     const rlimit none{3, 3};

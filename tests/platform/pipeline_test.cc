@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -30,8 +29,6 @@ using librb::SubprocessTranscode;
 using test::CapturedLog;
 using test::kStub;
 using test::ReadText;
-using testing::ElementsAre;
-using testing::HasSubstr;
 
 std::vector<int> g_ended;
 void NoteEnd(int pid) { g_ended.push_back(pid); }
@@ -92,6 +89,18 @@ TEST_F(Pipeline, JoinsOutputAndInputAndPassesTheEndOfFileOn) {
   EXPECT_TRUE(RunTwo({kStub, "say", "two words"}, {kStub, "copy", "/tmp/copy"}));
   EXPECT_EQ(ReadText("/tmp/copy"), "two words");
   EXPECT_EQ(g_ended.size(), 2u);
+}
+
+TEST_F(Pipeline, JoinsMoreThanTwo) {
+  auto first = Noted({kStub, "say", "through"});
+  auto second = Noted({kStub, "copy", "/dev/stdout"}, first->Stdout());
+  auto third = Noted({kStub, "copy", "/tmp/third"}, second->Stdout());
+  ProcessPipeline pipeline;
+  pipeline.AddProcess(std::move(first));
+  pipeline.AddProcess(std::move(second));
+  pipeline.AddProcess(std::move(third));
+  EXPECT_TRUE(pipeline.Run());
+  EXPECT_EQ(ReadText("/tmp/third"), "through");
 }
 
 TEST_F(Pipeline, GivesNoInputAndNoOutputWithoutAJoint) {

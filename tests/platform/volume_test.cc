@@ -93,6 +93,12 @@ TEST_F(VolumeService, UsesTheRootFileSystemWhereNoVolumeIsMounted) {
   EXPECT_TRUE(log_.Contains("volume [/] has "));
 }
 
+TEST_F(VolumeService, BearsATimerThatInterruptsEveryMillisecond) {
+  Mount("/volume1", "8m");
+  const test::FastTimer timer;
+  for (int i = 0; i < 2000; ++i) ASSERT_EQ(Ask(kMiB), "/volume1");
+}
+
 TEST_F(VolumeService, ReportsAMisuseAsAnError) {
   unsigned flags = 0;
   EXPECT_EQ(TARNVolumeServiceAliveVolumeGet(nullptr, &flags), -1);
