@@ -3,7 +3,6 @@
 #include <signal.h>
 
 #include <filesystem>
-#include <regex>
 
 #include "run_command.h"
 
@@ -18,8 +17,10 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 // How much the source justifies depends on the encoder that made it.
-std::string WithoutBitRate(const std::string& listing) {
-  return std::regex_replace(listing, std::regex("\n  bit rate [^\n]*"), "");
+std::string WithoutBitRate(std::string listing) {
+  const size_t begin = listing.find("  bit rate ");
+  if (begin != std::string::npos) listing.erase(begin, listing.find('\n', begin) + 1 - begin);
+  return listing;
 }
 
 TEST(Plan, ApolloLakeTranscodesAVaapiProfileInHardware) {
