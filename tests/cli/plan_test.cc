@@ -120,7 +120,7 @@ Command, one argument a line (--shell prints it as one line):
   -lag-in-frames
   0
   -threads
-  4
+  1
   -pix_fmt
   yuv420p
   -b:v
