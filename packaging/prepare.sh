@@ -3,6 +3,15 @@
 
 build=$PWD/build/dev
 
+# Runs a command silently; what it printed is shown only when it fails.
+quietly() {
+  local log
+  log=$("$@" 2>&1) || {
+    printf '%s\n' "$log" >&2
+    return 1
+  }
+}
+
 install_packages() {
   local missing=()
   local package
@@ -17,8 +26,9 @@ install_packages() {
     return 1
   fi
   echo "Installing ${missing[*]}" >&2
-  apt-get update -qq >&2 &&
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+  quietly apt-get update &&
+    quietly env DEBIAN_FRONTEND=noninteractive \
+      apt-get install -y --no-install-recommends "${missing[@]}"
 }
 
 # Asking dpkg for every package takes a noticeable part of a second, so the answer is kept for as long
@@ -26,15 +36,6 @@ install_packages() {
 packages_known() {
   local stamp=build/packages-checked
   [[ -e $stamp && $stamp -nt packaging/debian-packages.txt && $stamp -nt /var/lib/dpkg/status ]]
-}
-
-# Runs a command silently; what it printed is shown only when it fails.
-quietly() {
-  local log
-  log=$("$@" 2>&1) || {
-    printf '%s\n' "$log" >&2
-    return 1
-  }
 }
 
 # prepare TARGET...: builds the targets, saying so only when there is something to do.
