@@ -11,6 +11,7 @@
 #include <climits>
 
 #include "base/fault_point.h"
+#include "base/file_io.h"
 #include "base/process.h"
 #include "base/signals.h"
 #include "base/unique_fd.h"
@@ -30,6 +31,22 @@ volatile sig_atomic_t gWEBMSignal = 0;
 constexpr int kMaxSeekSeconds = INT_MAX / 1000;
 
 constexpr int kPollMs = 2000;
+
+// A monitor that recorded itself after a later one would stop that one: the next seek, which may
+// come at once and from another process, must find it recorded. It takes a moment, and at most as
+// long as a monitor waits for the one before it.
+void WaitUntilRecorded(int recorded_end) {
+  constexpr int kTries = 6;
+  fcntl(recorded_end, F_SETFL, O_NONBLOCK);
+  tarn::ChangeWaiter waiter;
+  waiter.WatchReadable(recorded_end);
+  waiter.WaitUntil(
+      [&] {
+        char nothing;
+        return read(recorded_end, &nothing, 1) == 0;
+      },
+      kTries, 1000);
+}
 
 void RemoveFromRegistry(int pid) { LibReelbay::TransLoading().RemoveTransPIDLock(pid); }
 
@@ -55,27 +72,33 @@ bool WebMStream::Transcoding(int seek) {
   read_fd = -1;
   if (!SaveMonitorPid(0, true)) return false;
 
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return false;
-  tarn::UniqueFd read_end(ends[0]);
-  tarn::UniqueFd write_end(ends[1]);
+  // The second pipe carries nothing: its end says that the monitor is recorded.
+  tarn::UniqueFd read_end, write_end, recorded_end, recording_end;
+  if (!tarn::OpenPipe(read_end, write_end) || !tarn::OpenPipe(recorded_end, recording_end)) {
+    return false;
+  }
   const int forked = QLIBCProcForkEx(QLIBC_FORK_DETACHED);
   if (forked < 0) return false;
   if (forked > 0) {
+    recording_end.reset();
+    WaitUntilRecorded(recorded_end.get());
     read_fd = read_end.release();
     return true;
   }
 
   // The monitor. It keeps nothing of its caller's but the pipe, and runs none of its exit handlers.
   closelog();
-  tarn::CloseDescriptorsExcept({write_end.get()});
+  tarn::CloseDescriptorsExcept({write_end.get(), recording_end.get()});
   read_end.release();
+  recorded_end.release();
   gPidWEBMFFMPEG = 0;
   gWEBMSignal = 0;
   tarn::InstallHandler(SIGINT, MointerSignalHandler);
   tarn::InstallHandler(SIGTERM, MointerSignalHandler);
   tarn::FaultPoint("monitor started");
-  if (SaveMonitorPid(getpid(), true)) ExecuteMointer(write_end.release());
+  const bool recorded = SaveMonitorPid(getpid(), true);
+  recording_end.reset();
+  if (recorded) ExecuteMointer(write_end.release());
   _exit(0);
 }
 
