@@ -12,6 +12,7 @@
 
 #include "base/fault_point.h"
 #include "base/file_io.h"
+#include "base/pipe_readers.h"
 #include "base/process.h"
 #include "base/signals.h"
 #include "base/unique_fd.h"
@@ -131,6 +132,7 @@ void WebMStream::ExecuteMointer(int write_fd) {
   // From here on signals arrive only inside the wait below, so that none can slip between the test
   // of the flag and the wait.
   const tarn::ScopedSignalBlock block;
+  const tarn::PipeReaders readers(output.get());
   const std::string directory = GetVTEFileFullPath("");
   tarn::ChangeWaiter waiter;
   const auto watch = [&] {
@@ -155,8 +157,9 @@ void WebMStream::ExecuteMointer(int write_fd) {
       if (ended < 0 && errno != EINTR) return;
       if (ended == gPidWEBMFFMPEG) break;
       struct stat exists {};
-      // A stream that was closed before this process was recorded has no directory any more.
-      if (gWEBMSignal != 0 || lstat(directory.c_str(), &exists) != 0) return;
+      // A stream that was closed before this process was recorded has no directory any more. A
+      // caller that was killed closes no stream, and a transcoder may not write for a long time.
+      if (gWEBMSignal != 0 || readers.Gone() || lstat(directory.c_str(), &exists) != 0) return;
       waiter.Wait(kPollMs);
     }
     if (!is_remux) RemoveFromRegistry(gPidWEBMFFMPEG);
