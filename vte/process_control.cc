@@ -130,6 +130,8 @@ bool VTEStream::SaveMonitorPid(int new_pid, bool wait_old) {
   // The file is all there is: that its process is still the monitor, and not a later one with the
   // same pid, cannot be proved here. SIGTERM is all that it ever gets.
   const int old_pid = text.empty() ? -1 : tarn::ParsePid(text);
+  // Its monitor is gone and its pid is ours now: a monitor that we fork must not end its caller.
+  if (text == std::to_string(getpid())) unlink(pid_path.c_str());
   tarn::ChangeWaiter waiter;
   if (old_pid > 0) {
     waiter.WatchProcess(old_pid);
