@@ -13,6 +13,7 @@
 #include "tarnutil/qlibc.h"
 #include "tarnvte/libtarnvte.h"
 #include "tarnvte/vteutils.h"
+#include "tests/stream/hostile_names.h"
 #include "tests/support/host_files.h"
 #include "tests/support/log_capture.h"
 
@@ -21,7 +22,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using fake_platform::script;
+using tarn::test::HostileNames;
 using tarn::test::LogCapture;
+using tarn::test::Snapshot;
 using tarn::test::WriteText;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -163,56 +166,15 @@ TEST_F(WorkingDirectoryTest, RemovalNeedsKindAndIdentifier) {
   EXPECT_FALSE(TestStream("id", "").RemoveTransDir());
 }
 
-// Names that a request could carry to reach outside the stream's own directory.
-std::vector<std::string> HostileNames() {
-  std::vector<std::string> names = {".",
-                                    "..",
-                                    "a/b",
-                                    "/",
-                                    "//",
-                                    std::string("a\0b", 3),
-                                    std::string(201, 'a'),
-                                    std::string(5000, 'a')};
-  for (int depth = 1; names.size() < 500; ++depth) {
-    std::string up;
-    for (int i = 0; i < depth % 17 + 1; ++i) up += "../";
-    names.push_back(up + "canary");
-    names.push_back(up + "tmp/canary");
-    names.push_back("x/" + up + "canary" + std::to_string(depth));
-    names.push_back(std::string("..\0", 3) + std::to_string(depth));
-    names.push_back(std::string(static_cast<size_t>(200 + depth), 'b'));
-  }
-  return names;
-}
-
-// Every path below a directory, with what it holds.
-std::vector<std::string> Snapshot(const std::string& directory) {
-  std::vector<std::string> entries;
-  for (const auto& entry : fs::recursive_directory_iterator(directory)) {
-    entries.push_back(entry.path().string() + "=" +
-                      (entry.is_regular_file() ? tarn::test::ReadText(entry.path()) : "dir"));
-  }
-  std::sort(entries.begin(), entries.end());
-  return entries;
-}
-
 TEST_F(WorkingDirectoryTest, HostileIdentifiersAndKindsReachNothing) {
   for (const char* canary : {"/tmp/canary", "/volume1/canary", "/volume1/@tmp/canary",
                              "/tmp/Reelbay/canary", "/canary"}) {
     WriteText(std::string(canary) + "/deep/file", canary);
   }
   chmod("/tmp/Reelbay", 0755);
-  std::vector<std::string> before;
-  const auto snapshot = [] {
-    std::vector<std::string> all = Snapshot("/tmp");
-    for (const char* root : {"/volume1", "/canary"}) {
-      const auto part = Snapshot(root);
-      all.insert(all.end(), part.begin(), part.end());
-    }
-    return all;
-  };
+  const auto snapshot = [] { return Snapshot({"/tmp", "/volume1", "/canary"}); };
   ASSERT_TRUE(Create("HLS", "soft", 0, "well-behaved"));
-  before = snapshot();
+  const std::vector<std::string> before = snapshot();
   const std::vector<std::string> names = HostileNames();
   ASSERT_GE(names.size(), 500u);
   for (const std::string& name : names) {
