@@ -1,89 +1,54 @@
-// How long a probe takes, beside ffprobe on the same file in the same run.
-//
-//   probe_bench [-n ROUNDS] [FILE...]     default: 30 rounds, the ten containers of the test media
-//
-// A round is one probe in this process (which forks, as in the engine) and one run of ffprobe.
-// Prints the median of each and their ratio.
-#include <fcntl.h>
-#include <spawn.h>
-#include <unistd.h>
+// How long it takes to learn what a file is, against ffprobe.
+#include <json/value.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
-#include <vector>
 
-#include "base/process.h"
+#include "bench/figures.h"
+#include "bench/piped_program.h"
 #include "tarnvte/video_metadata.h"
 
+namespace tarnbench {
 namespace {
 
-double Milliseconds(bool (*probe)(const std::string&), const std::string& path, bool& good) {
-  const auto start = std::chrono::steady_clock::now();
-  good = probe(path) && good;
-  const std::chrono::duration<double, std::milli> time = std::chrono::steady_clock::now() - start;
-  return time.count();
+constexpr int kRounds = 21;
+constexpr double kBudget = 0.10;
+
+double SecondsOf(const Words& argv) {
+  const double begun = Now();
+  RunSilently(argv);
+  return Now() - begun;
 }
 
-// A fresh object: one that has the file loaded would answer from memory.
-bool Probe(const std::string& path) { return LibTarnVTE::VideoMetaData().LoadFile(path); }
-
-bool RunFfprobe(const std::string& path) {
-  std::string file = path;
-  char program[] = "/usr/bin/ffprobe", v[] = "-v", quiet[] = "quiet", format[] = "-show_format",
-       streams[] = "-show_streams";
-  char* argv[] = {program, v, quiet, format, streams, file.data(), nullptr};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  pid_t pid = 0;
-  const int error = posix_spawn(&pid, argv[0], &actions, nullptr, argv, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  int status = 1;
-  return error == 0 && tarn::WaitChild(pid, status) && status == 0;
+double ProbeInProcess(const std::string& file) {
+  LibTarnVTE::VideoMetaData metadata;
+  Json::Value document;
+  const double begun = Now();
+  if (!metadata.ReadMetaDataFromFFMPEG(file, document)) Fail(file + ": cannot be probed");
+  return Now() - begun;
 }
 
-double Median(std::vector<double>& values) {
-  std::ranges::sort(values);
-  return values[values.size() / 2];
-}
-
-bool Compare(const std::string& path, int rounds) {
-  std::vector<double> ours, theirs;
-  bool good = true;
-  for (int i = 0; i < rounds; ++i) {
-    ours.push_back(Milliseconds(Probe, path, good));
-    theirs.push_back(Milliseconds(RunFfprobe, path, good));
-  }
-  const double our_median = Median(ours), their_median = Median(theirs);
-  std::printf("%-24s %8.2f ms %8.2f ms %6.2f%s\n", path.substr(path.rfind('/') + 1).c_str(),
-              our_median, their_median, our_median / their_median, good ? "" : "  FAILED");
-  return good;
+void MeasureFile(Report& report, const std::string& figure, const std::string& file) {
+  const Words ffprobe = {"/usr/bin/ffprobe", "-v", "error", "-show_format", "-show_streams", file};
+  const Words tarnvte = {TARN_BENCH_BUILD "/cli/tarnvte", "probe", file, "--json"};
+  const Candidate bare = [&] { return SecondsOf(ffprobe); };
+  const std::vector<Candidate> candidates = {bare, [&] { return ProbeInProcess(file); }, bare,
+                                             [&] { return SecondsOf(tarnvte); }};
+  WarmUp(candidates);
+  const std::vector<Samples> taken = Alternate(kRounds, candidates);
+  report.AddExcess(figure + ", in process", taken[1], taken[0], taken[2], kMilliseconds, kBudget);
+  report.AddExcess(figure + ", tarnvte probe", taken[3], taken[0], taken[2], kMilliseconds,
+                   kBudget);
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  int rounds = 30;
-  int option;
-  while ((option = getopt(argc, argv, "n:")) != -1) {
-    rounds = option == 'n' ? std::atoi(optarg) : 0;
+void MeasureProbe(Report& report) {
+  for (const char* container :
+       {"mkv", "mp4", "ts", "mov", "flv", "avi", "asf", "ogg", "webm", "mpg"}) {
+    MeasureFile(report, std::string("probe, ") + container,
+                std::string(TARN_TEST_MEDIA "/container.") + container);
   }
-  if (rounds < 1) {
-    std::fprintf(stderr, "usage: %s [-n ROUNDS] [FILE...]\n", argv[0]);
-    return 2;
-  }
-  std::vector<std::string> files(argv + optind, argv + argc);
-  if (files.empty()) {
-    for (const char* name :
-         {"mp4", "mkv", "ts", "avi", "mov", "asf", "flv", "ogg", "webm", "mpg"}) {
-      files.push_back(std::string(TARN_TEST_MEDIA "/container.") + name);
-    }
-  }
-  std::printf("%-24s %11s %11s %6s\n", "file", "probe", "ffprobe", "ratio");
-  bool good = true;
-  for (const std::string& file : files) good = Compare(file, rounds) && good;
-  return good ? 0 : 1;
+  MeasureFile(report, "probe, 720p film", TARN_BENCH_MEDIA "/film.mkv");
 }
+
+}  // namespace tarnbench

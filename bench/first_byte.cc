@@ -1,0 +1,91 @@
+// How long a viewer waits for the first byte, against ffmpeg alone.
+#include <json/value.h>
+
+#include <string>
+
+#include "bench/figures.h"
+#include "bench/webm_run.h"
+#include "tarnvte/video_metadata.h"
+
+namespace tarnbench {
+namespace {
+
+constexpr int kRounds = 21;
+constexpr double kBudget = 0.060;
+constexpr char kFrontEnd[] = TARN_BENCH_BUILD "/transcoder/tarn-ffmpeg";
+
+double FirstByteOf(const Words& argv) {
+  const double begun = Now();
+  PipedProgram program(argv);
+  program.ReadFirstByte();
+  return Now() - begun;
+}
+
+double ProbeOnce(const std::string& file) {
+  LibTarnVTE::VideoMetaData metadata;
+  Json::Value document;
+  const double begun = Now();
+  if (!metadata.ReadMetaDataFromFFMPEG(file, document)) Fail(file + ": cannot be probed");
+  return Now() - begun;
+}
+
+struct StepSamples {
+  Samples prepare, init, start, wait;
+
+  void Add(const WebmRun::Steps& steps) {
+    prepare.Add(steps.prepare);
+    init.Add(steps.init);
+    start.Add(steps.start);
+    wait.Add(steps.wait);
+  }
+};
+
+void MeasureRequest(Report& report, const std::string& figure, const WebmRequest& request) {
+  WebmCommands commands = CommandsOf(request);
+  commands.engine[0] = kFrontEnd;
+  StepSamples steps;
+  const Candidate bare = [&] { return FirstByteOf(commands.bare); };
+  const std::vector<Candidate> candidates = {
+      bare,
+      [&] {
+        const WebmRun run(request);
+        steps.Add(run.steps());
+        return run.steps().Total();
+      },
+      bare,
+      [&] { return FirstByteOf(commands.engine); },
+      [&] { return ProbeOnce(request.file); },
+  };
+  WarmUp(candidates);
+  steps = {};
+  const std::vector<Samples> taken = Alternate(kRounds, candidates);
+  const Samples& front_end = taken[3];
+  report.AddDifference(figure, taken[1], taken[0], taken[2], kMilliseconds, kBudget);
+
+  Report::Note(figure);
+  const auto note = [](const std::string& step, const Samples& samples) {
+    Report::Note("  " + step + "  " + Spread(samples, kMilliseconds));
+  };
+  note("VTE_Init                         ", steps.prepare);
+  note("  of this the probe              ", taken[4]);
+  note("constructor and Init             ", steps.init);
+  note("Transcoding                      ", steps.start);
+  note("until the first byte             ", steps.wait);
+  note("  bare ffmpeg                    ", taken[0]);
+  note("  front end, over bare ffmpeg    ", Difference(front_end, taken[0]));
+  note("  monitor and fork, over both    ", Difference(steps.wait, front_end));
+}
+
+}  // namespace
+
+void MeasureFirstByte(Report& report) {
+  constexpr char kProfile[] = "webm_hd720_vp8_vb1500_vorbis_ab128";
+  MeasureRequest(report, "first byte, 360p clip from 0 s",
+                 {TARN_TEST_MEDIA "/clip.mkv", kProfile, 0});
+  MeasureRequest(report, "first byte, 720p film from 0 s",
+                 {TARN_BENCH_MEDIA "/film.mkv", kProfile, 0});
+  MeasureRequest(report, "first byte, 720p film from 590 s",
+                 {TARN_BENCH_MEDIA "/film.mkv", kProfile, 590});
+}
+
+}  // namespace tarnbench

@@ -1,0 +1,113 @@
+#include "bench/piped_program.h"
+
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+
+#include "base/file_io.h"
+#include "base/process.h"
+
+namespace tarnbench {
+namespace {
+
+std::vector<char*> Pointers(Words& argv) {
+  std::vector<char*> pointers;
+  for (std::string& word : argv) pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+[[noreturn]] void Become(char* const* argv, int keep) {
+  if (tarn::NullStandardStreams() && tarn::PrepareExec(keep)) execv(argv[0], argv);
+  _exit(127);
+}
+
+pid_t Start(Words& argv, int keep) {
+  const std::vector<char*> pointers = Pointers(argv);
+  const pid_t pid = tarn::ForkBlocked();
+  if (pid < 0) Fail("cannot fork");
+  if (pid == 0) Become(pointers.data(), keep);
+  return pid;
+}
+
+ssize_t ReadSome(int fd, char* buffer, size_t size) {
+  ssize_t count;
+  do {
+    count = read(fd, buffer, size);
+  } while (count < 0 && errno == EINTR);
+  return count;
+}
+
+double Seconds(const timeval& time) {
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+}
+
+double ProcessorSecondsOf(int who) {
+  rusage usage{};
+  getrusage(who, &usage);
+  return Seconds(usage.ru_utime) + Seconds(usage.ru_stime);
+}
+
+}  // namespace
+
+void Fail(const std::string& what) { throw std::runtime_error(what); }
+
+PipedProgram::PipedProgram(Words argv) {
+  tarn::UniqueFd write_end;
+  if (!tarn::OpenPipe(output_, write_end)) Fail("cannot create a pipe");
+  argv.back() = "pipe:" + std::to_string(write_end.get());
+  pid_ = Start(argv, write_end.get());
+}
+
+PipedProgram::~PipedProgram() {
+  if (pid_ < 0) return;
+  kill(pid_, SIGKILL);
+  int status;
+  tarn::WaitChild(pid_, status);
+}
+
+void PipedProgram::ReadFirstByte() {
+  char byte;
+  if (ReadSome(output_.get(), &byte, 1) != 1) Fail("the bare command wrote nothing");
+}
+
+size_t PipedProgram::ReadToEnd() {
+  std::vector<char> buffer(64 * 1024);
+  size_t total = 0;
+  ssize_t count;
+  while ((count = ReadSome(output_.get(), buffer.data(), buffer.size())) > 0) {
+    total += static_cast<size_t>(count);
+  }
+  int status;
+  tarn::WaitChild(pid_, status);
+  pid_ = -1;
+  if (count < 0 || status != 0) Fail("the bare command failed");
+  return total;
+}
+
+void RunSilently(const Words& argv) {
+  Words words = argv;
+  int status;
+  tarn::WaitChild(Start(words, -1), status);
+  if (status != 0) Fail(argv[0] + " failed");
+}
+
+void AdoptOrphans() {
+  if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) Fail("cannot become a subreaper");
+}
+
+void ReapChildren() {
+  while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
+  }
+}
+
+double ProcessorSeconds() {
+  return ProcessorSecondsOf(RUSAGE_SELF) + ProcessorSecondsOf(RUSAGE_CHILDREN);
+}
+
+}  // namespace tarnbench
