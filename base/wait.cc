@@ -1,6 +1,5 @@
 #include "base/wait.h"
 
-#include <poll.h>
 #include <signal.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -54,8 +53,17 @@ ChangeWaiter::Reason ChangeWaiter::Wait(int milliseconds) {
   const int ready = ppoll(fds.data(), fds.size(), &timeout, &none);
   if (ready < 0) return errno == EINTR ? Reason::kSignal : Reason::kTimeout;
   if (ready == 0) return Reason::kTimeout;
+  DropEnded(fds);
   Forget();
   return Reason::kChange;
+}
+
+// A pidfd stays readable for ever: one that is kept would end every later wait at once.
+void ChangeWaiter::DropEnded(const std::vector<pollfd>& polled) {
+  std::erase_if(processes_, [&polled](const UniqueFd& process) {
+    return std::ranges::any_of(
+        polled, [&process](const pollfd& fd) { return fd.fd == process.get() && fd.revents != 0; });
+  });
 }
 
 void ChangeWaiter::Forget() {

@@ -5,6 +5,7 @@
 // the tree sleeps.
 #pragma once
 
+#include <poll.h>
 #include <sys/types.h>
 
 #include <algorithm>
@@ -22,7 +23,8 @@ class ChangeWaiter {
 
   ChangeWaiter();
 
-  // Watches a process's end. A process that is gone already makes the next wait return at once.
+  // Watches a process's end, which ends one wait; afterwards the process is no longer watched. One
+  // that is gone already makes the next wait return at once.
   void WatchProcess(pid_t pid);
 
   // Watches a directory: entries created, moved in or out, removed or closed after writing, and its
@@ -33,7 +35,7 @@ class ChangeWaiter {
   bool WatchClose(const std::string& path);
 
   // Watches a descriptor for data or end of file; a pidfd for its process's end. The caller keeps
-  // it open. A negative one is ignored.
+  // it open and takes what it announces: until then it ends every wait. A negative one is ignored.
   void WatchReadable(int fd);
 
   // Waits at most `milliseconds`. Signals that were blocked by the caller are let in only inside
@@ -58,6 +60,7 @@ class ChangeWaiter {
 
  private:
   bool AddWatch(const std::string& path, unsigned mask);
+  void DropEnded(const std::vector<pollfd>& polled);
 
   UniqueFd inotify_;
   std::vector<UniqueFd> processes_;

@@ -37,11 +37,26 @@ TEST(Wait, EndsWhenAProcessEnds) {
   EXPECT_EQ(waiter.Wait(1), Reason::kTimeout);
   kill(pid, SIGKILL);
   EXPECT_EQ(waiter.Wait(kLongMs), Reason::kChange);
+  EXPECT_EQ(waiter.Wait(1), Reason::kTimeout) << "one end, one wake-up";
   test::WaitFor(pid);
   ChangeWaiter late;
   late.WatchProcess(pid);
   EXPECT_EQ(late.Wait(kLongMs), Reason::kChange);
   EXPECT_EQ(late.Wait(1), Reason::kTimeout);
+}
+
+TEST(Wait, EachOfSeveralProcessesEndsOneWait) {
+  const pid_t first = Sleeper();
+  const pid_t second = Sleeper();
+  ChangeWaiter waiter;
+  waiter.WatchProcess(first);
+  waiter.WatchProcess(second);
+  for (const pid_t pid : {second, first}) {
+    kill(pid, SIGKILL);
+    EXPECT_EQ(waiter.Wait(kLongMs), Reason::kChange);
+    EXPECT_EQ(waiter.Wait(1), Reason::kTimeout);
+    test::WaitFor(pid);
+  }
 }
 
 TEST(Wait, EndsWhenADirectoryChanges) {
@@ -124,15 +139,15 @@ int64_t g_now = 0;
 TEST(WaitUntil, ChangesUseUpNoStep) {
   g_now = 0;
   tarn::SetMonotonicClock([] { return g_now; });  // stands still unless a step passes
-  const pid_t pid = Sleeper();
-  kill(pid, SIGKILL);
+  tarn::UniqueFd read_end, write_end;
+  ASSERT_TRUE(tarn::OpenPipe(read_end, write_end));
+  write_end.reset();
   ChangeWaiter waiter;
-  waiter.WatchProcess(pid);  // every wait ends at once by a change
+  waiter.WatchReadable(read_end.get());  // every wait ends at once by a change
   int tests = 0;
   EXPECT_TRUE(waiter.WaitUntil([&] { return ++tests == 100; }, 2, 1000));
   EXPECT_EQ(tests, 100);
   tarn::SetMonotonicClock(nullptr);
-  test::WaitFor(pid);
 }
 
 TEST(WaitUntil, GivesUpAfterItsSteps) {

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <thread>
 
 #include "base/clock.h"
@@ -229,6 +230,25 @@ TEST_F(OfflineDaemonTest, DaemonThatDoesNotYieldIsWaitedForThirtySecondsThenItsS
   EXPECT_EQ(*g_pauses, 1);
   EXPECT_GE(end, 30000);
   EXPECT_LE(end, 45000);
+}
+
+TEST_F(OfflineDaemonTest, DaemonThatEndsWhileAnotherConversionRunsIsNotPolledWithoutPause) {
+  const Child other;
+  TransLoading().SaveTransPID(other.pid(), false, true);
+  const Child daemon([] { tarn::InstallHandler(SIGUSR1, [](int) { _exit(0); }); });
+  Start(daemon);
+  // A clock twenty times as fast, asked once for each look at the registry.
+  static int looks;
+  looks = 0;
+  tarn::SetMonotonicClock([] {
+    ++looks;
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return int64_t{std::chrono::duration_cast<std::chrono::milliseconds>(now).count() * 20};
+  });
+  EXPECT_FALSE(TestStream().CheckTransLoading(true));
+  tarn::SetMonotonicClock(nullptr);
+  EXPECT_FALSE(tarn::ProcessAlive(daemon.pid()));
+  EXPECT_LE(looks, 20);
 }
 
 TEST_F(OfflineDaemonTest, VaapiPlatformOnlySkipsTheTest) {
