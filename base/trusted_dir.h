@@ -14,8 +14,8 @@ bool IsSafeName(std::string_view name);
 // write to it.
 bool IsOwnedDirectory(const std::string& path);
 
-// Creates `path` (mode 0755; its parent must exist) where it is missing, and says whether what
-// stands there now passes IsOwnedDirectory.
+// Creates `path` (mode 0755 whatever the umask; its parent must exist) where it is missing, and
+// says whether what stands there now passes IsOwnedDirectory.
 bool EnsureOwnedDirectory(const std::string& path);
 
 }  // namespace tarn

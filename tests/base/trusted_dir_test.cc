@@ -35,6 +35,26 @@ TEST(OwnedDirectory, CreatesWhatIsMissing) {
   EXPECT_FALSE(tarn::EnsureOwnedDirectory("/tmp/missing/parent"));
 }
 
+TEST(OwnedDirectory, CreatesForEverybodyToReadWhateverTheUmask) {
+  for (const mode_t mask : {0, 022, 077, 0777}) {
+    const std::string path = "/tmp/mask" + std::to_string(mask);
+    const mode_t before = umask(mask);
+    EXPECT_TRUE(tarn::EnsureOwnedDirectory(path)) << mask;
+    umask(before);
+    struct stat status {};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0755u) << mask;
+  }
+}
+
+TEST(OwnedDirectory, LeavesTheModeOfWhatIsThere) {
+  ASSERT_EQ(mkdir("/tmp/private", 0700), 0);
+  EXPECT_TRUE(tarn::EnsureOwnedDirectory("/tmp/private"));
+  struct stat status {};
+  ASSERT_EQ(stat("/tmp/private", &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0700u);
+}
+
 TEST(OwnedDirectory, RefusesWhatOthersMayWrite) {
   for (const mode_t mode : {0775, 0757, 0777, 01777}) {
     const std::string path = "/tmp/open" + std::to_string(mode);

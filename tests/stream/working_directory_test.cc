@@ -86,6 +86,16 @@ TEST_F(WorkingDirectoryTest, OtherKindsHaveALinkToTheVolume) {
   EXPECT_EQ(status.st_mode & 0777, 0755u);
 }
 
+TEST_F(WorkingDirectoryTest, CallersUmaskDoesNotLockOthersOut) {
+  umask(077);
+  ASSERT_TRUE(Create("HLS"));
+  for (const char* path : {"/tmp/Reelbay", "/tmp/Reelbay/HLS", "/tmp/Reelbay/HLS/id"}) {
+    struct stat status {};
+    ASSERT_EQ(stat(path, &status), 0) << path;
+    EXPECT_EQ(status.st_mode & 07777, 0755u) << path;
+  }
+}
+
 TEST_F(WorkingDirectoryTest, StaleLinkIsReplaced) {
   fs::create_directories("/tmp/Reelbay/HLS");
   fs::create_symlink("/somewhere/else", "/tmp/Reelbay/HLS/id");
