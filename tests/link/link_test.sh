@@ -8,8 +8,10 @@ mkdir -p "$work/outside"
 stage=$work/stage
 
 DESTDIR=$stage cmake --install "$build" >"$work/install.log"
+profiles=/var/packages/Reelbay/target/share/profiles
 for file in "$prefix/bin/tarnvte" /var/packages/Orbfold/target/bin/ffmpeg41 \
-  /var/packages/Orbfold/target/bin/ffmpeg27 "$prefix/include/tarnvte/webm_stream.h"; do
+  /var/packages/Orbfold/target/bin/ffmpeg27 "$prefix/include/tarnvte/webm_stream.h" \
+  "$profiles"/{webm,hls,http,smooth}.json; do
   [[ -e $stage$file ]] || { echo "not installed: $file"; exit 1; }
 done
 
@@ -36,10 +38,10 @@ export PKG_CONFIG_PATH=$stage$prefix/$libdir/pkgconfig
   $(pkg-config --cflags --libs tarnvte) \
   -Wl,-rpath,"$stage$prefix/$libdir"
 
+key=$(sed -n 's/.*"\(webm_[^"]*vp8[^"]*\)".*/\1/p' "$stage$profiles/webm.json" | head -n 1)
 for program in "$work/outside/build/embed" "$work/outside/embed-pc"; do
-  "$build/sandbox" "$program" "$build/tests/media/clip.mkv" \
-    /var/packages/Reelbay/target/share/profiles/webm.json "$(sed -n 's/.*"\(webm_[^"]*vp8[^"]*\)".*/\1/p' \
-      "$source/profiles/webm.json" | head -n 1)" >"$work/out.webm"
+  "$build/sandbox" "$program" "$build/tests/media/clip.mkv" "$stage$profiles/webm.json" "$key" \
+    >"$work/out.webm"
   container=$(ffprobe -v error -show_entries format=format_name -of default=nw=1:nk=1 "$work/out.webm")
   [[ $container == matroska,webm ]] || { echo "$program: wrote \"$container\""; exit 1; }
 done
