@@ -2,9 +2,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <charconv>
+#include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -112,36 +115,47 @@ std::string WhyMode(const DecidedStream& stream) {
   return profile;
 }
 
+// "1500k" is 1500000; what does not fit is the largest value, as for the engine.
 unsigned ParseBitRate(const std::string& text) {
-  const unsigned long number = std::strtoul(text.c_str(), nullptr, 10);
-  return static_cast<unsigned>(!text.empty() && text.back() == 'k' ? number * 1000 : number);
+  constexpr uint64_t kMost = std::numeric_limits<unsigned>::max();
+  uint64_t rate = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), rate);
+  if (result.ec == std::errc::result_out_of_range || rate > kMost) rate = kMost;
+  if (text.ends_with('k')) rate *= 1000;
+  return static_cast<unsigned>(std::min(rate, kMost));
 }
 
-// Where the size is scaled in the filter chain: "...,scale_vaapi=w=1280:h=720...".
-void ReadFilterSize(const std::string& filter, unsigned& width, unsigned& height) {
-  const size_t w = filter.find(",scale_vaapi=w=");
-  const size_t h = filter.find(":h=", w == std::string::npos ? 0 : w);
-  if (w == std::string::npos || h == std::string::npos) return;
-  width = static_cast<unsigned>(std::strtoul(filter.c_str() + w + 15, nullptr, 10));
-  height = static_cast<unsigned>(std::strtoul(filter.c_str() + h + 3, nullptr, 10));
+// What the source justifies of it: the engine's own reading.
+unsigned JustifiedBitRate(const DecidedStream& stream, const std::string& wanted) {
+  std::vector<std::string> options = {"-vb", wanted};
+  stream.ForceTranscodeBitrate(options);
+  return ParseBitRate(options[1]);
 }
 
-// The size in the adjusted options; the launcher's is a name that only the decision rules resolve.
-void ReadOutputSize(const DecidedStream& stream, unsigned& width, unsigned& height) {
-  const std::vector<std::string> options =
-      stream.ForceFFmpegVideoSize(ProfileOptions(stream), false);
-  const std::string name = OptionValue(options, {"--size"});
-  const std::string size = OptionValue(options, {"-s"});
-  const size_t x = size.find('x');
-  if (!name.empty()) {
-    ArgumentHelper(stream.metadata)
-        .GetTransVideoSize(name, false, stream.GetMetaVideoRotate(), width, height);
-  } else if (x != std::string::npos) {
-    width = static_cast<unsigned>(std::strtoul(size.c_str(), nullptr, 10));
-    height = static_cast<unsigned>(std::strtoul(size.c_str() + x + 1, nullptr, 10));
-  } else {
-    for (const std::string& option : options) ReadFilterSize(option, width, height);
+// The size that the profile asks for, by its name or as "1280x720"; "" where it asks for none.
+std::string SizeName(const DecidedStream& stream) {
+  const std::vector<std::string> options = ProfileOptions(stream);
+  if (!stream.is_vaapi_ffmpeg) return OptionValue(options, {"-s", "--size"});
+  std::string name;
+  for (const std::string& option : options) {
+    if (stream.IsVaapiFFmpegScaleParam(option, name)) break;
   }
+  return name;
+}
+
+// The size of the final picture, upright. False where it cannot be told: some of Smooth Streaming's
+// names are known to Smooth alone.
+bool FindOutputSize(const DecidedStream& stream, unsigned& width, unsigned& height) {
+  const std::string name = SizeName(stream);
+  if (name.empty()) {
+    width = stream.metadata.GetVideoDisplayX();
+    height = stream.metadata.GetVideoDisplayY();
+    return true;
+  }
+  ArgumentHelper(stream.metadata)
+      .GetTransVideoSize(name, false, stream.GetMetaVideoRotate(), width, height);
+  if (width != 0 && height != 0) return true;
+  return std::sscanf(name.c_str(), "%9ux%9u", &width, &height) == 2;
 }
 
 Json::Value DescribeVideo(const DecidedStream& stream) {
@@ -159,15 +173,16 @@ Json::Value DescribeVideo(const DecidedStream& stream) {
   if (stream.is_remux) return video;
   const ArgumentHelper helper(source);
   video["capability"] = helper.AbleToTranscodeTheVideo(stream.is_hardware, true);
-  unsigned width = source.GetVideoDisplayX();
-  unsigned height = source.GetVideoDisplayY();
-  ReadOutputSize(stream, width, height);
-  video["width"] = width;
-  video["height"] = height;
+  unsigned width = 0;
+  unsigned height = 0;
+  if (FindOutputSize(stream, width, height)) {
+    video["width"] = width;
+    video["height"] = height;
+  }
   const std::string wanted = OptionValue(options, {"-vb", "--vb", "-b:v"});
   if (!wanted.empty()) {
     video["bitrate_wanted"] = ParseBitRate(wanted);
-    video["bitrate_justified"] = helper.GetTransVideoBitrate(ParseBitRate(wanted));
+    video["bitrate_justified"] = JustifiedBitRate(stream, wanted);
   }
   return video;
 }
@@ -399,7 +414,7 @@ void AddPlan(CLI::App& app, Command& command) {
                   "Audio track by its id in \"tarnvte probe\" (default: the first)")
       ->option_text("ID");
   sub->add_option("--start", options->start, "Start at this second of the video")
-      ->check(CLI::Range(0, 2147483))
+      ->check(CLI::Range(0U, kLongestSeconds))
       ->option_text("S");
   sub->add_option("--device", request.device, "Name of the client device, such as chromecast")
       ->option_text("NAME");

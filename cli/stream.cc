@@ -182,7 +182,7 @@ void AddStream(CLI::App& app, Command& command) {
                   "Audio track by its id in \"tarnvte probe\" (default: the first)")
       ->option_text("ID");
   sub->add_option("--start", options->start, "Start at this second of the video")
-      ->check(CLI::Range(0, 2147483))
+      ->check(CLI::Range(0U, kLongestSeconds))
       ->option_text("S");
   sub->add_option("-o,--output", options->output,
                   "File to write; \"-\" or none: standard output, which must not be a terminal")

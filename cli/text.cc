@@ -52,10 +52,7 @@ std::string Count(unsigned number, const std::string& noun) {
   return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
 }
 
-unsigned KnownDuration(unsigned seconds) {
-  constexpr unsigned kLongest = 2147483;
-  return seconds <= kLongest ? seconds : 0;
-}
+unsigned KnownDuration(unsigned seconds) { return seconds <= kLongestSeconds ? seconds : 0; }
 
 std::string FormatSeconds(uint64_t seconds) {
   char text[48];

@@ -3,6 +3,7 @@
 
 #include <json/value.h>
 
+#include <climits>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -19,6 +20,9 @@ std::string JsonPretty(const Json::Value& value);
 
 // Text out of a file or the file system, safe on a terminal: control bytes become "?".
 std::string Printable(const std::string& text);
+
+// Positions are 32-bit milliseconds: no start, and no known duration, lies behind this.
+inline constexpr unsigned kLongestSeconds = INT_MAX / 1000;
 
 // A probed duration in seconds; 0 where the file did not tell (the engine keeps a wrapped negative
 // number then, and no video lasts 24 days).

@@ -221,6 +221,76 @@ TEST(Plan, JsonCarriesDecisionsAndArguments) {
   EXPECT_EQ("pipe:1", plan["arguments"][plan["arguments"].size() - 1].asString());
 }
 
+Json::Value PlannedVideo(const std::string& file, const std::vector<std::string>& more) {
+  std::vector<std::string> arguments = {"plan", file, "--json", "--verbose"};
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  const Result result = Tarnvte(arguments);
+  EXPECT_EQ("", result.err);
+  return ParseJson(result.out)["video"];
+}
+
+std::string SizeOf(const Json::Value& video) {
+  return video["width"].asString() + "x" + video["height"].asString();
+}
+
+// The engine scales before it turns on VA-API, and after it elsewhere.
+TEST(Plan, SizeIsThatOfTheUprightPicture) {
+  const std::string turned = TARN_TEST_MEDIA "/rotated-90.mp4";
+  const Json::Value source = PlannedVideo(turned, {});
+  ASSERT_GT(source["source_width"].asUInt(), source["source_height"].asUInt());
+  const Json::Value vaapi = PlannedVideo(
+      turned, {"--platform", "apollolake", "--profile", "webm_hd720_h264_vaapi_vb1500_mp3_ab128"});
+  const Json::Value launcher = PlannedVideo(
+      turned,
+      {"--platform", "monaco", "--kind", "HLS", "--profile", "hls_hd720_gst_vb1500_aac_ab128"});
+  for (const Json::Value& video : {source, vaapi, launcher}) {
+    EXPECT_EQ(720u, video["height"].asUInt());
+    EXPECT_GT(video["width"].asUInt(), 0u);
+    EXPECT_LT(video["width"].asUInt(), 720u);
+  }
+}
+
+TEST(Plan, SizeThatOnlySmoothKnowsIsLeftOut) {
+  const std::string clip = CopyOfClip();
+  for (const char* profile : {"smoothstreaming_240p_x264_vb200_vf15_aac_ab40",
+                              "smoothstreaming_320p_h264_smd_vb720_aac_ab64"}) {
+    const Json::Value video = PlannedVideo(clip, {"--kind", "SS", "--profile", profile});
+    EXPECT_FALSE(video.isMember("width")) << profile;
+    EXPECT_FALSE(video.isMember("height")) << profile;
+  }
+  const Json::Value known = PlannedVideo(
+      clip, {"--kind", "SS", "--profile", "smoothstreaming_hd480_x264_vb1000_vf15_aac_ab96"});
+  EXPECT_EQ("852x478", SizeOf(known));
+  const Result listing = Tarnvte(
+      {"plan", clip, "--kind", "SS", "--profile", "smoothstreaming_240p_x264_vb200_vf15_aac_ab40"});
+  EXPECT_THAT(listing.out, HasSubstr("  video       h264 640x360, 25 fps\n"));
+}
+
+TEST(Plan, OddBitRatesAreReadAsTheEngineReadsThem) {
+  const std::string clip = CopyOfClip();
+  const std::string rest = " -c:v libvpx -c:a libvorbis -f webm\"";
+  tarn_test::WriteFile("/tmp/odd.json", "{\"none\": \"-vb words" + rest +
+                                            ", \"huge\": \"-vb 99999999999999999999k" + rest +
+                                            ", \"wrap\": \"-vb 4294968k" + rest + "}");
+  const auto plan = [&clip](const std::string& key) {
+    return PlannedVideo(clip, {"--profile-file", "/tmp/odd.json", "--profile", key});
+  };
+  const Json::Value none = plan("none");
+  EXPECT_EQ("640x360", SizeOf(none));
+  EXPECT_EQ(0u, none["bitrate_wanted"].asUInt());
+  EXPECT_EQ(500000u, none["bitrate_justified"].asUInt());
+  EXPECT_EQ(4294967295u, plan("wrap")["bitrate_wanted"].asUInt());
+  EXPECT_GT(plan("wrap")["bitrate_justified"].asUInt(), 500000u);
+  EXPECT_EQ(4294967295u, plan("huge")["bitrate_wanted"].asUInt());
+}
+
+TEST(Plan, SizeInPixelsIsTheTranscodersOwn) {
+  tarn_test::WriteFile("/tmp/size.json", R"({"pixels": "-s 100x50 -c:v libvpx -f webm"})");
+  const Result result = Tarnvte(
+      {"plan", CopyOfClip(), "--json", "--profile-file", "/tmp/size.json", "--profile", "pixels"});
+  EXPECT_EQ("100x50", SizeOf(ParseJson(result.out)["video"]));
+}
+
 TEST(Plan, UnknownAudioTrackIsRefusedInJsonToo) {
   const Result result = Tarnvte({"plan", CopyOfClip(), "--json", "--audio", "9"});
   EXPECT_EQ(4, result.status);
