@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -267,6 +268,16 @@ std::vector<std::string> DataVolumes() {
   return volumes;
 }
 
+// Whether a stream may make its folder there: the volume's top itself need not be ours.
+bool IsWritable(const std::string& volume) {
+  const auto allows = [](const std::filesystem::path& folder, int access) {
+    return faccessat(AT_FDCWD, folder.c_str(), access, AT_EACCESS) == 0;
+  };
+  std::filesystem::path folder = std::filesystem::path(volume) / "@tmp/Reelbay";
+  while (folder != volume && !allows(folder, F_OK)) folder = folder.parent_path();
+  return allows(folder, W_OK | X_OK);
+}
+
 Check CheckVolumes() {
   std::string listing;
   bool enough = false;
@@ -274,10 +285,10 @@ Check CheckVolumes() {
     struct statvfs space {};
     if (statvfs(volume.c_str(), &space) != 0) continue;
     const uint64_t free = uint64_t{space.f_bavail} * space.f_frsize;
-    const bool read_only = (space.f_flag & ST_RDONLY) != 0;
-    enough = enough || (!read_only && free >= kNeededSpace);
+    const bool writable = (space.f_flag & ST_RDONLY) == 0 && IsWritable(volume);
+    enough = enough || (writable && free >= kNeededSpace);
     listing += (listing.empty() ? "" : ", ") + volume + " " +
-               (read_only ? "is read-only" : "has " + FormatBytes(free) + " free");
+               (writable ? "has " + FormatBytes(free) + " free" : "is not writable");
   }
   if (enough) return {Result::kOk, "volumes", listing, ""};
   return {

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -54,6 +55,17 @@ TEST(Doctor, PlannedLinkAtTheWorkFolderFails) {
   fs::create_directory("/tmp/elsewhere");
   fs::create_directory_symlink("/tmp/elsewhere", "/tmp/Reelbay");
   EXPECT_EQ(1, Tarnvte({"doctor"}).status);
+}
+
+// As for the engine, the folder that is written to counts, and not the file system's flags alone.
+TEST(Doctor, VolumeWhoseWorkFolderCannotBeWrittenFails) {
+  fs::create_directories("/volume1/@tmp/Reelbay");
+  ASSERT_EQ(0, mount("/volume1/@tmp", "/volume1/@tmp", nullptr, MS_BIND, nullptr));
+  ASSERT_EQ(0, mount(nullptr, "/volume1/@tmp", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
+  const Result result = Tarnvte({"doctor"});
+  EXPECT_EQ(1, result.status);
+  EXPECT_THAT(result.out, HasSubstr("/volume1 is not writable; remedy: make room"));
+  EXPECT_EQ(6, Tarnvte({"plan", TARN_TEST_MEDIA "/clip.mkv"}).status);
 }
 
 TEST(Doctor, PlatformIsNamedAndItsHardwareIsLookedFor) {
