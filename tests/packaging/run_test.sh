@@ -103,8 +103,9 @@ run -film.mkv >out
 equal 'whatever its name' "tarnvte stream $work/films/-film.mkv --kind WEBM -o -" "$(command_line)"
 run >out
 equal 'without a name the sample is' output "$(cat "$checkout/build/play/sample.webm")"
-run tarn-ffmpeg -i film.mkv >out
-equal 'a transcoder by its name' "$(printf '%s\n' "$build/transcoder/tarn-ffmpeg" -i film.mkv)" \
+run tarn-ffmpeg -i film.mkv -output_ts_offset 3 >out
+equal 'a transcoder by its name, with its own options' \
+  "$(printf '%s\n' "$build/transcoder/tarn-ffmpeg" -i film.mkv -output_ts_offset 3)" \
   "$(cat "$checkout/command")"
 equal 'a program that does not exist' 2 "$(status run tarn-nothing)"
 equal 'a folder' 2 "$(status run sub)"
