@@ -9,6 +9,11 @@ const Json::Value* FindMember(const Json::Value& object, std::string_view key) {
   return object.find(key.data(), key.data() + key.size());
 }
 
+bool IsFlag(const Json::Value& object, std::string_view key, bool wanted) {
+  const Json::Value* flag = FindMember(object, key);
+  return flag != nullptr && flag->isBool() && flag->asBool() == wanted;
+}
+
 unsigned ClampToUInt(const Json::Value& value) {
   constexpr unsigned kMax = std::numeric_limits<unsigned>::max();
   switch (value.type()) {

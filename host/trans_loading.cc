@@ -1,13 +1,13 @@
 #include "tarnvte/trans_loading.h"
 
 #include <sys/stat.h>
-#include <tarnutil/qlibc.h>
 
 #include <utility>
 
 #include "base/log.h"
 #include "base/paths.h"
 #include "host/json_access.h"
+#include "tarnutil/qlibc.h"
 #include "tarnvte/json_utils.h"
 #include "tarnvte/platform_utils.h"
 
@@ -34,11 +34,6 @@ unsigned HardwareLimit(const PlatformUtils& platform) {
 const Json::Value* FindPid(const Json::Value& entry) {
   const Json::Value* pid = FindMember(entry, kPid);
   return pid != nullptr && pid->isInt() ? pid : nullptr;
-}
-
-bool IsFlag(const Json::Value& entry, const char* key, bool wanted) {
-  const Json::Value* flag = FindMember(entry, key);
-  return flag != nullptr && flag->isBool() && flag->asBool() == wanted;
 }
 
 bool HasFlag(const Json::Value& entries, const char* key) {

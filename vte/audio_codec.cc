@@ -2,6 +2,7 @@
 #include "tarnvte/argument_helper.h"
 #include "tarnvte/vtemetadata.h"
 #include "tarnvte/vteutils.h"
+#include "vte/ac3_copy.h"
 #include "vte/track_object.h"
 
 namespace LibTarnVTE {
@@ -28,10 +29,7 @@ std::string GetAndCheckHlsAudioCodec(const std::string& audio_id, const std::str
   if (requested == "mp3") return "mp3";
   if (IsAACAudioAndCanCopy(helper.GetAudioTrackInfoByID(audio_id), device)) return "copy";
   if (device == kChromecast) return "aac";
-  if (requested == "ac3_copy" && (helper.DoesAudioCodecMatch(audio_id, "ac3") ||
-                                  helper.DoesAudioCodecMatch(audio_id, "eac3"))) {
-    return "copy";
-  }
+  if (MayCopyAc3(requested, audio_id, helper)) return "copy";
   return requested == "aac" ? "aac" : "";
 }
 

@@ -3,7 +3,6 @@
 #include "base/log.h"
 #include "host/json_access.h"
 #include "tarnvte/argument_helper.h"
-#include "tarnvte/json_utils.h"
 #include "tarnvte/md5.h"
 #include "tarnvte/platform_utils.h"
 #include "tarnvte/random_string.h"
@@ -85,8 +84,7 @@ std::string VTEStream::VTE_Init(const VTEInitArgument& arg) {
   if (!CreateTmpDir(id, arg.type, arg.profile_path, arg.profile_key, arg.needed_space)) {
     return kNoSpace;
   }
-  const Json::Value* header = LibReelbay::FindMember(arg.params, "hls_header");
-  const bool hls_header = header != nullptr && header->isBool() && header->asBool();
+  const bool hls_header = LibReelbay::IsFlag(arg.params, "hls_header", true);
   if (!VTEMetaData(id, arg.type).ParserMetaData(arg, id, hls_header)) {
     TARN_LOG_ERR("VTEMetaData.ParserMetaData(%s, %s) failed", id.c_str(), arg.type.c_str());
     return "";
@@ -101,13 +99,9 @@ std::string VTEStream::GetRandStreamID(const std::string& path) {
 }
 
 bool VTEStream::IsRemux(const std::string& profile_path, const std::string& profile_key) {
-  Json::Value profiles;
-  if (profile_path.empty() || profile_key.empty() ||
-      !LibReelbay::ReadJsonFromFile(profile_path, profiles)) {
-    return false;
-  }
-  const Json::Value* profile = LibReelbay::FindMember(profiles, profile_key);
-  return profile != nullptr && profile->isString() && Contains(profile->asString(), kRemuxMark);
+  Json::Value profile;
+  return VTEMetaData::ReadTransProfile(profile_path, profile_key, profile) &&
+         Contains(profile["profile_value"].asString(), kRemuxMark);
 }
 
 bool VTEStream::InitStreamCommon(const std::string& audio_id, bool force_stop_offline) {

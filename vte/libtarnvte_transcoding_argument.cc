@@ -6,6 +6,7 @@
 #include "tarnvte/libtarnvte.h"
 #include "tarnvte/platform_utils.h"
 #include "tarnvte/vteutils.h"
+#include "vte/ac3_copy.h"
 
 namespace LibTarnVTE {
 namespace {
@@ -29,9 +30,7 @@ bool NeedsLowerFrameRate(const VideoMetaData& metadata) {
 Arguments GstreamerAudioCodec(const std::string& requested, const std::string& audio_id,
                               const std::string& device, const ArgumentHelper& helper) {
   const bool chromecast = device == "chromecast";
-  const bool can_copy = requested == "ac3_copy" && (helper.DoesAudioCodecMatch(audio_id, "ac3") ||
-                                                    helper.DoesAudioCodecMatch(audio_id, "eac3"));
-  if (!chromecast && can_copy) return {"--acodec", "copy"};
+  if (!chromecast && MayCopyAc3(requested, audio_id, helper)) return {"--acodec", "copy"};
   if (chromecast || requested == "aac") return {"--acodec", "aac"};
   return {};
 }

@@ -45,6 +45,7 @@ bool VTEMetaData::ReadTransProfile(const std::string& profile_path, const std::s
   }
   const Json::Value* profile = LibReelbay::FindMember(profiles, profile_key);
   if (profile == nullptr) return false;
+  if (!target.isObject()) target = Json::Value(Json::objectValue);
   target["profile_key"] = profile_key;
   target["profile_value"] = profile->isString() ? profile->asString() : "";
   return true;
@@ -66,15 +67,11 @@ std::string VTEMetaData::GetProfileKey() const { return GetMemberString("profile
 std::string VTEMetaData::GetProfileValue() const { return GetMemberString("profile_value"); }
 
 bool VTEMetaData::IsHLSHeader() const {
-  if (!loaded) return false;
-  const Json::Value* flag = LibReelbay::FindMember(document, "hls_header");
-  return flag != nullptr && flag->isBool() && flag->asBool();
+  return loaded && LibReelbay::IsFlag(document, "hls_header", true);
 }
 
 bool VTEMetaData::IsUsePreAnalysis() const {
-  if (!loaded) return false;
-  const Json::Value* flag = LibReelbay::FindMember(document, "use_pre_analysis");
-  return flag != nullptr && flag->isBool() && flag->asBool();
+  return loaded && LibReelbay::IsFlag(document, "use_pre_analysis", true);
 }
 
 }  // namespace LibTarnVTE

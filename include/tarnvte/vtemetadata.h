@@ -37,8 +37,8 @@ class TARNVTE_EXPORT VTEMetaData : public VideoMetaData {
   // Probes the file, adds profile and flags, and writes the document. False on any failure.
   bool ParserMetaData(const VTEInitArgument& arg, const std::string& stream_id, bool hls_header);
   // Copies "profile_key" and "profile_value" into `target`.
-  bool ReadTransProfile(const std::string& profile_path, const std::string& profile_key,
-                        Json::Value& target);
+  static bool ReadTransProfile(const std::string& profile_path, const std::string& profile_key,
+                               Json::Value& target);
   // Reads the document back.
   bool LoadMetaData();
 

@@ -7,6 +7,7 @@
 
 using LibReelbay::ClampToUInt;
 using LibReelbay::FindMember;
+using LibReelbay::IsFlag;
 
 namespace {
 
@@ -22,6 +23,25 @@ TEST(JsonAccess, FindsAMemberOfAnObject) {
   EXPECT_EQ(FindMember(object, "b"), nullptr);
   EXPECT_EQ(FindMember(object, ""), nullptr);
   EXPECT_EQ(FindMember(object, std::string_view("a\0", 2)), nullptr);
+}
+
+TEST(JsonAccess, AFlagIsABoolOfTheWantedValue) {
+  Json::Value object;
+  object["on"] = true;
+  object["off"] = false;
+  object["one"] = 1;
+  object["zero"] = 0;
+  object["null"] = Json::Value();
+  object["text"] = "true";
+  EXPECT_TRUE(IsFlag(object, "on", true));
+  EXPECT_FALSE(IsFlag(object, "on", false));
+  EXPECT_TRUE(IsFlag(object, "off", false));
+  EXPECT_FALSE(IsFlag(object, "off", true));
+  for (const char* key : {"one", "zero", "null", "text", "missing"}) {
+    EXPECT_FALSE(IsFlag(object, key, true)) << key;
+    EXPECT_FALSE(IsFlag(object, key, false)) << key;
+  }
+  EXPECT_FALSE(IsFlag(Json::Value("on"), "on", true));
 }
 
 TEST(JsonAccess, NothingButAnObjectHasMembers) {
