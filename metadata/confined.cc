@@ -1,7 +1,6 @@
 #include "metadata/confined.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -19,6 +18,7 @@
 #include "base/process.h"
 #include "base/signals.h"
 #include "base/unique_fd.h"
+#include "base/wait.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define TARN_ADDRESS_SANITIZER 1
@@ -89,14 +89,13 @@ enum class Outcome { kEnded, kTooLong, kTimeout, kError };
 
 Outcome ReadUntilEnd(int fd, std::string& text) {
   const int64_t deadline = tarn::MonotonicMs() + kWallTimeMs;
+  tarn::ChangeWaiter waiter;
+  waiter.WatchReadable(fd);
   char buffer[64 * 1024];
   for (;;) {
     const int64_t left = deadline - tarn::MonotonicMs();
     if (left <= 0) return Outcome::kTimeout;
-    pollfd readable{fd, POLLIN, 0};
-    const int ready = poll(&readable, 1, static_cast<int>(left));
-    if (ready == 0 || (ready < 0 && errno == EINTR)) continue;
-    if (ready < 0) return Outcome::kError;
+    if (waiter.Wait(static_cast<int>(left)) != tarn::ChangeWaiter::Reason::kChange) continue;
     const ssize_t count = read(fd, buffer, sizeof buffer);
     if (count == 0) return Outcome::kEnded;
     if (count < 0 && errno == EINTR) continue;

@@ -9,11 +9,11 @@
 
 #include "base/log.h"
 #include "host/json_access.h"
-#include "host/json_text.h"
 #include "librb/critical.h"
 #include "librb/process.h"
 #include "metadata/confined.h"
 #include "metadata/media_probe.h"
+#include "metadata/pass_result.h"
 #include "tarnvte/vteutils.h"
 
 extern "C" {
@@ -28,58 +28,34 @@ using LibReelbay::FindMember;
 
 constexpr char kLogUnit[] = "video_metadata";
 
-// The keys of a pass's result on its way between the two processes.
-constexpr char kPassed[] = "passed";
-constexpr char kDocument[] = "document";
-constexpr char kVideo[] = "video";
-constexpr char kAudio[] = "audio";
-constexpr char kSubtitle[] = "subtitle";
-
 // Runs in the probe's own process, where nothing that libavformat says may reach the caller's
 // standard error or log.
 std::string RunPass(const std::string& path) {
   av_log_set_callback([](void*, int, const char*, va_list) {});
-  Json::Value document(Json::objectValue);
-  Json::Value video(Json::arrayValue);
-  Json::Value audio(Json::arrayValue);
-  Json::Value subtitle(Json::arrayValue);
-  const bool passed = ParseMetaDataFromFFMPEG_Impl(path, document, video, audio, subtitle);
-  Json::Value result(Json::objectValue);
-  result[kPassed] = passed;
-  result[kDocument] = std::move(document);
-  result[kVideo] = std::move(video);
-  result[kAudio] = std::move(audio);
-  result[kSubtitle] = std::move(subtitle);
-  return LibReelbay::JsonToText(result);
+  PassResult result;
+  result.passed = ParseMetaDataFromFFMPEG_Impl(path, result.document, result.video, result.audio,
+                                               result.subtitle);
+  return EncodePassResult(result);
 }
 
-// JSON text does not tell signed from unsigned numbers; the document does.
-void RestoreUnsigned(Json::Value& object) {
-  for (const char* key : {"duration", "start_time", "sample_aspect_ratio_num",
-                          "sample_aspect_ratio_den", "resolutionx", "resolutiony"}) {
-    if (object.isMember(key)) object[key] = object[key].asUInt();
-  }
+void AppendTracks(Json::Value& tracks, Json::Value& more) {
+  if (!tracks.isArray()) tracks = Json::Value(Json::arrayValue);
+  for (Json::Value& track : more) tracks.append(std::move(track));
 }
 
 bool RunPassConfined(const std::string& path, Json::Value& doc, Json::Value& video,
                      Json::Value& audio, Json::Value& subtitle) {
   std::string text;
-  Json::Value result;
-  if (!RunConfined([&path] { return RunPass(path); }, text) ||
-      !LibReelbay::TextToJson(text, result)) {
+  PassResult result;
+  if (!RunConfined([&path] { return RunPass(path); }, text) || !DecodePassResult(text, result)) {
     return false;
   }
-  RestoreUnsigned(result[kDocument]);
-  for (const std::string& key : result[kDocument].getMemberNames()) {
-    doc[key] = result[kDocument][key];
-  }
-  for (Json::Value& track : result[kVideo]) {
-    RestoreUnsigned(track);
-    video.append(std::move(track));
-  }
-  for (Json::Value& track : result[kAudio]) audio.append(std::move(track));
-  for (Json::Value& track : result[kSubtitle]) subtitle.append(std::move(track));
-  return result[kPassed].asBool();
+  if (!doc.isObject()) doc = Json::Value(Json::objectValue);
+  for (const std::string& key : result.document.getMemberNames()) doc[key] = result.document[key];
+  AppendTracks(video, result.video);
+  AppendTracks(audio, result.audio);
+  AppendTracks(subtitle, result.subtitle);
+  return result.passed;
 }
 
 unsigned IntegralOrZero(const Json::Value* value) {
