@@ -4,6 +4,9 @@
 // the engine, as root, open whatever that playlist lists. So these are no video files.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
 #include <string_view>
 
 namespace tarn {
@@ -25,5 +28,20 @@ inline constexpr std::string_view kRefusedInputFormats[] = {
     "lavfi",               // filter graph: its sources open any file
     "webm_dash_manifest",  // manifest over other files
 };
+
+// An input format that is no video file: one of its names, which libavformat separates by commas,
+// is listed above, or it is `without_file` (AVFMT_NOFILE): a device, or one that opens its files
+// itself.
+constexpr bool IsRefusedInputFormat(std::string_view names, bool without_file) {
+  while (!without_file && !names.empty()) {
+    const size_t comma = std::min(names.find(','), names.size());
+    if (std::ranges::find(kRefusedInputFormats, names.substr(0, comma)) !=
+        std::end(kRefusedInputFormats)) {
+      return true;
+    }
+    names.remove_prefix(std::min(comma + 1, names.size()));
+  }
+  return without_file;
+}
 
 }  // namespace tarn

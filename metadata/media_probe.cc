@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <memory>
@@ -61,10 +60,8 @@ std::string AllowedInputFormats() {
   std::string names;
   void* position = nullptr;
   while (const AVInputFormat* format = av_demuxer_iterate(&position)) {
-    const bool refused = std::ranges::find(tarn::kRefusedInputFormats, format->name) !=
-                         std::end(tarn::kRefusedInputFormats);
-    // A format without a file is a device, or opens its files by itself.
-    if (refused || (format->flags & AVFMT_NOFILE) != 0) continue;
+    const bool without_file = (format->flags & AVFMT_NOFILE) != 0;
+    if (tarn::IsRefusedInputFormat(format->name, without_file)) continue;
     if (!names.empty()) names += ',';
     names += format->name;
   }
