@@ -9,7 +9,6 @@ inline constexpr char kLoadRegistry[] = "/tmp/Reelbay/enabled";
 inline constexpr char kOfflineDaemonPid[] = "/run/tarnvideoconversiond.pid";
 inline constexpr char kProductInfo[] = "/etc.defaults/tarninfo.conf";
 inline constexpr char kAdvancedSettings[] = "/var/packages/Reelbay/etc/advanced.conf";
-inline constexpr char kNoPreAnalysis[] = "/var/packages/Reelbay/etc/not_using_pre_analysis";
 inline constexpr char kHostPlatform[] = "/proc/tarn_platform";
 inline constexpr char kCpuInfo[] = "/proc/cpuinfo";
 inline constexpr char kFFmpeg41[] = "/var/packages/Orbfold/target/bin/ffmpeg41";

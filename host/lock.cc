@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <tarnutil/qlibc.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +12,7 @@
 #include "base/paths.h"
 #include "base/trusted_dir.h"
 #include "base/wait.h"
+#include "tarnutil/qlibc.h"
 
 namespace LibReelbay {
 namespace {

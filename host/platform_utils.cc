@@ -1,6 +1,5 @@
 #include "tarnvte/platform_utils.h"
 
-#include <tarnutil/qlibc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include "base/paths.h"
 #include "base/text.h"
 #include "host/json_access.h"
+#include "tarnutil/qlibc.h"
 #include "tarnvte/json_utils.h"
 
 namespace librb::util {

@@ -1,8 +1,10 @@
 // Adjusting a profile's options to the source, the device and the platform.
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <limits>
 #include <string_view>
+#include <utility>
 
 #include "base/log.h"
 #include "tarnvte/argument_helper.h"

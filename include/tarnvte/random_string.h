@@ -1,7 +1,6 @@
 // Random text for identifiers.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 #include "tarnvte/export.h"

@@ -25,6 +25,11 @@ fail() {
   failures=$((failures + 1))
 }
 
+# What a file includes, in quotes or angle brackets.
+includes() {
+  sed -nE 's/^#include ["<]([^">]*)[">].*/\1/p' "$1"
+}
+
 # Where an include in a file leads to, empty when it is not ours.
 resolve() {
   local candidate
@@ -55,15 +60,17 @@ while IFS= read -r file; do
     if ((${level_of[$other]-99} >= ${level_of[$own]})); then
       fail "$file ($own, level ${level_of[$own]}) includes $include ($other, level ${level_of[$other]-99})"
     fi
-  done < <(sed -n 's/^#include "\(.*\)".*/\1/p' "$file")
+  done < <(includes "$file")
 done < <(find base platform host metadata vte include transcoder -name '*.cc' -o -name '*.h' | sort)
 
 while IFS= read -r file; do
   while IFS= read -r include; do
+    path=$(resolve "$file" "$include")
+    [[ -n $path ]] || continue
     checked=$((checked + 1))
-    [[ $include == tarnvte/* || -f cli/$include || $include == cli/* ]] ||
+    [[ $path == include/tarnvte/* || $path == cli/* ]] ||
       fail "$file includes $include: the program uses the installed headers only"
-  done < <(sed -n 's/^#include "\(.*\)".*/\1/p' "$file")
+  done < <(includes "$file")
 done < <(find cli -name '*.cc' -o -name '*.h' | sort)
 
 if ((checked < 100)); then

@@ -330,7 +330,7 @@ TEST(MediaProbe, ChannelLayoutsHaveTheirNames) {
   }
 }
 
-// A file of the size that the text says, almost all of it a hole.
+// A file above 4 GiB, almost all of it a hole.
 TEST(MediaProbe, AFileAboveFourGigabytesHasItsSizeAsDigits) {
   const std::string path = "/tmp/large.mkv";
   ASSERT_TRUE(tarn::ReplaceFile(path, Content(Media("container.mkv")), 0644));
