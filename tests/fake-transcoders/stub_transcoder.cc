@@ -6,7 +6,7 @@
 //   silent     writes "." and then nothing more, until a signal ends it
 //   mute       never writes anything, until a signal ends it
 //   polite     silent, but writes "end" and ends when it is interrupted
-//   deaf-int   silent, and ignores SIGINT
+//   deaf-int   silent, and ignores SIGINT; writes "term" and ends when it is terminated
 //   deaf       silent, and ignores SIGINT and SIGTERM
 //   lone       appends "ran" to /tmp/lone.log, or "overlap" when another one runs meanwhile
 //   arguments  writes its arguments to /tmp/stub.arguments, each ended by a NUL
@@ -30,6 +30,11 @@ void Say(const std::string& text) {
 
 void SayEnd(int) {
   Say("end");
+  _exit(0);
+}
+
+void SayTerm(int) {
+  Say("term");
   _exit(0);
 }
 
@@ -89,6 +94,7 @@ int main(int argc, char* argv[]) {
   if (mode == "mute") RunOn();
   if (mode == "polite") signal(SIGINT, SayEnd);
   if (mode == "deaf-int" || mode == "deaf") signal(SIGINT, SIG_IGN);
+  if (mode == "deaf-int") signal(SIGTERM, SayTerm);
   if (mode == "deaf") signal(SIGTERM, SIG_IGN);
   if (mode != "silent" && mode != "polite" && mode != "deaf-int" && mode != "deaf") return 2;
   Say(".");

@@ -422,6 +422,7 @@ TEST_F(HostileStream, CallersLocaleChangesNothing) {
   ASSERT_TRUE(tarn::test::InstallGermanLocale());
   const std::string file = "/tmp/film.mp4";
   fs::copy_file(Media("rate-30000-1001.mp4"), file);
+  WriteText("/tmp/sized.json", R"({"film": "-s hd1080 -vb 1500000 -stub spew"})");
   struct Result {
     std::string document;
     std::vector<std::string> arguments;
@@ -429,7 +430,7 @@ TEST_F(HostileStream, CallersLocaleChangesNothing) {
   };
   const auto play = [&] {
     Result result;
-    VTEInitArgument argument(file, "WEBM", kProfiles, "spew");
+    VTEInitArgument argument(file, "WEBM", "/tmp/sized.json", "film");
     argument.params["stream_id"] = "film";
     EXPECT_EQ(VTEStream::VTE_Init(argument), "film");
     result.document = ReadText(DirectoryOf("film") + "/video_metadata");
