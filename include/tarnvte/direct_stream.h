@@ -1,4 +1,6 @@
 // Base of the streams that are read as one pipe of bytes.
+//
+// One object, one thread, in a single-threaded process (see libtarnvte.h). Nothing throws.
 #pragma once
 
 #include <sys/types.h>
@@ -16,13 +18,17 @@ class TARNVTE_EXPORT DirectStream : public VTEStream {
   DirectStream(const std::string& stream_id, const std::string& type);
   ~DirectStream() override;
 
-  // Checks the source and the host; `audio_id` names the audio track (empty: the first).
+  // Checks the source and the host; `audio_id` names the audio track (empty: the first). False on
+  // refusal: GetErrorString has the reason's word, where there is one.
   virtual bool Init(const std::string& audio_id) = 0;
-  // Starts the transcoder at a position in seconds.
+  // Starts the transcoder at a position in seconds; called again it is a seek, which replaces the
+  // run. False when the position lies behind the end or no process could be started.
   virtual bool Transcoding(int seek_seconds) = 0;
-  // Next bytes of the output.
+  // Puts the next bytes of the output, at most `length`, into `buffer`. Returns their number, 0 at
+  // the end of the stream and while none was started, -1 with errno on error.
   virtual ssize_t Read(char* buffer, size_t length) = 0;
-  // Stops everything and removes the working directory.
+  // Stops the monitor, which stops the transcoder, and removes the working directory. True also
+  // when it is gone already; false without an identifier.
   virtual bool Close();
 };
 

@@ -1,4 +1,6 @@
 // An exclusive flock(2) on a file, held for an object's lifetime.
+//
+// Excludes other processes, and other objects of this one; one thread per object. Nothing throws.
 #pragma once
 
 #include <string>
@@ -17,9 +19,11 @@ class TARNVTE_EXPORT Lock {
   Lock(const Lock&) = delete;
   Lock& operator=(const Lock&) = delete;
 
-  // Opens and locks; true when this object now holds the lock.
+  // Opens and locks, as the constructor does; true when this object now holds the lock. False when
+  // `path` has no "/" or its directory cannot be made (both logged), the file cannot be opened or
+  // is a link, or another holder did not let go.
   bool LockFile();
-  // Unlocks and closes.
+  // Unlocks and closes; nothing when it is not held.
   void UnlockFile();
   // The lock is held. (Spelling kept: callers use it.)
   bool IsLockSucess() const;

@@ -1,8 +1,8 @@
 // Which hardware platform this process runs on, and what follows from it.
 //
 // The platform is read once per process, from key "unique" of "/etc.defaults/tarninfo.conf"
-// (vendor_platform_model). Predicates may be asked from any thread; the two path operations change
-// the environment and may not.
+// (vendor_platform_model); without it every predicate is false. Predicates may be asked from any
+// thread; the two path operations change the environment and may not.
 #pragma once
 
 #include <string>
@@ -13,8 +13,10 @@ namespace librb::util {
 
 class TARNVTE_EXPORT PlatformUtils {
  public:
+  // The one object of the process; the first call reads the platform.
   static PlatformUtils& GetInst();
 
+  // The platform is this one, or of this family.
   bool IsEvansport() const;
   bool IsBraswell() const;
   bool IsMonaco() const;
@@ -24,14 +26,19 @@ class TARNVTE_EXPORT PlatformUtils {
   bool IsAlpine() const;
   bool IsAvotonProfile() const;
 
+  // What the platform has, whether or not it is switched on: VA-API in `ffmpeg`; OMX (some models
+  // of RTD1296); any hardware transcoding; the GStreamer launcher.
   bool IsSupportVaapi() const;
   bool IsSupportOMX() const;
   bool IsSupportHWTranscode() const;
   bool IsSupportGstreamer() const;
   // The platform is served by the older `ffmpeg` build.
   bool IsFFmpeg2() const;
-  // The administrator's switch for hardware transcoding (on where it does not apply).
+  // The administrator's switch for hardware transcoding, key "hardware_transcode" of
+  // "/var/packages/Reelbay/etc/advanced.conf" (JSON), read at each call; on when it is not set.
+  // Always on where it does not apply (Monaco, OMX models), off without hardware transcoding.
   bool IsHWSettingEnabled() const;
+  // The platform has VA-API, and the switch is on.
   bool IsVaapiFFmpegEnabled() const;
 
   // Path of the `ffmpeg` program; sets "TARN_CODEC_PKG_NAME" in the environment.
@@ -42,9 +49,10 @@ class TARNVTE_EXPORT PlatformUtils {
   // First line of "/proc/tarn_platform", empty when there is none.
   std::string GetHostPlatformName() const;
   // Value (without surrounding blanks) of the first line of "/proc/cpuinfo" whose name contains
-  // `key`; false when there is none.
+  // `key`; false, with `value` untouched, when there is none, and logged for an empty key or an
+  // unreadable file.
   bool GetCPUInfo(const std::string& key, std::string& value) const;
-  // Family word of the platform, "_", and the number of processor cores.
+  // Family word of the platform ("x86" for an unknown one), "_", and the number of processor cores.
   std::string GetTransPlatformName() const;
 
  protected:
@@ -54,7 +62,7 @@ class TARNVTE_EXPORT PlatformUtils {
 
   std::string platform;
   std::string model;
-  std::string reserved;
+  std::string reserved;  // always empty
 };
 
 }  // namespace librb::util

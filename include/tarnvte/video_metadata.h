@@ -20,16 +20,21 @@ class TARNVTE_EXPORT VideoMetaData {
   VideoMetaData();
   ~VideoMetaData();
 
-  // Probes a file (absolute path, regular file). Asking again for the loaded file costs nothing. A
-  // failure leaves the object not loaded.
+  // Probes a file (absolute path, regular file). Asking again for the loaded file costs nothing.
+  // False, with nothing loaded, when it is missing or cannot be probed.
   bool LoadFile(const std::string& path);
 
-  // Probes `path` into `doc`; false (and logged) when libavformat cannot make sense of it.
+  // Probes `path` into `doc`, without loading it. False when it is no regular file (`doc`
+  // untouched) or libavformat cannot make sense of it (logged; `doc` has no "track_info").
   bool ReadMetaDataFromFFMPEG(const std::string& path, Json::Value& doc);
-  // The libavformat pass, as root and in a process of its own with bounded memory and time.
+  // The libavformat pass, as root and in a process of its own with bounded memory and time. Sets
+  // "duration", "container_type", "start_time" and "bitrate" of `doc` and appends track objects to
+  // the arrays. False when it fails; `doc` keeps what was found until then.
   bool ParserMetaDataFromFFMPEG(const std::string& path, Json::Value& doc, Json::Value& video,
                                 Json::Value& audio, Json::Value& subtitle);
 
+  // The member `key` of the document, of the first video and of the first audio track. A member of
+  // another type gives the default.
   unsigned GetMemberUI(const std::string& key) const;
   std::string GetMemberString(const std::string& key) const;
   unsigned GetFirstVideoMemberUI(const std::string& key) const;
@@ -38,10 +43,12 @@ class TARNVTE_EXPORT VideoMetaData {
   unsigned GetFirstAudioMemberUI(const std::string& key) const;
   std::string GetFirstAudioMemberString(const std::string& key) const;
 
-  // Copies the arrays of track objects. False when there is no track table.
+  // Copies the arrays of track objects. False when nothing is loaded or an array is missing;
+  // without the audio array `video` is filled all the same.
   bool GetTrackInfo(Json::Value& video, Json::Value& audio) const;
+  // The same for subtitles; `subtitle` untouched on false.
   bool GetSubtitleTrackInfo(Json::Value& subtitle) const;
-  // One track object, or null.
+  // The track object at a position of its array, from 0, or null.
   Json::Value GetVideo(unsigned long index) const;
   Json::Value GetAudio(unsigned long index) const;
 
@@ -59,7 +66,7 @@ class TARNVTE_EXPORT VideoMetaData {
   unsigned GetVideoDisplayY() const;
   unsigned GetVideoResolutionX() const;  // pixels, as coded
   unsigned GetVideoResolutionY() const;
-  unsigned GetVideoLevel() const;
+  unsigned GetVideoLevel() const;  // as libavcodec counts: 41 is H.264 level 4.1
   int GetVideoSampleAspectRatioNum() const;
   int GetVideoSampleAspectRatioDen() const;
   int GetVideoFramerateNum() const;
