@@ -98,7 +98,10 @@ long IdleSeconds(const std::string& directory) {
       newest = std::max(newest, status.st_mtime);
     }
   }
-  return static_cast<long>(time(nullptr) - newest);
+  // time(2) may be a tick behind: what changed just now would lie in the future.
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<long>(now.tv_sec - newest);
 }
 
 bool IsStale(const std::string& directory, unsigned idle_seconds) {
