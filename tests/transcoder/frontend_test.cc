@@ -327,9 +327,14 @@ TEST(FrontEnd, InterruptsReachFfmpegWhichFinishesItsOutput) {
     const pid_t pid = StartProgram(
         {paths::kFFmpeg41, "-re", "-i", kClip, "-c", "copy", "-f", "matroska", "/volume1/out.mkv"},
         "/tmp/out", "/tmp/err");
-    // The file appears when ffmpeg has its handlers.
+    // With pictures in the file, ffmpeg has its handlers, and the header is written whole.
     const int64_t deadline = MonotonicMs() + 20000;
-    while (!std::filesystem::exists("/volume1/out.mkv") && MonotonicMs() < deadline) SleepMs(10);
+    std::error_code missing;
+    while (MonotonicMs() < deadline) {
+      const auto size = std::filesystem::file_size("/volume1/out.mkv", missing);
+      if (!missing && size > 100'000) break;
+      SleepMs(10);
+    }
     ASSERT_EQ(kill(pid, signal), 0);
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
