@@ -40,8 +40,8 @@ Result Tarnvte(const std::vector<std::string>& arguments);
 std::string CopyOfClip();
 // A file of `seconds` seconds with a small slow picture and a tone.
 std::string MakeLongVideo(int seconds);
-// A profile file with "quick", a small picture for a loaded machine, and "slow", which transcodes in
-// real time.
+// A profile file with "quick", a small picture for a loaded machine, and "slow", which transcodes
+// in real time.
 std::string TestProfiles();
 
 void WriteFile(const std::string& path, const std::string& text);
