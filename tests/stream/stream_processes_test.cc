@@ -411,6 +411,22 @@ INSTANTIATE_TEST_SUITE_P(Points, WindowOfTheStart,
                            return name;
                          });
 
+// The monitor records itself between the two steps of a close, which thus does not signal it.
+TEST_F(StreamProcesses, CloseThatMissesTheMonitorLeavesNothing) {
+  const std::string id = Prepare("mute");
+  WebMStream closer(id);
+  HoldAt("monitor started");
+  const pid_t caller = StartCaller(id);
+  ASSERT_TRUE(Eventually([] { return trace_->held != 0; }));
+  EXPECT_TRUE(closer.KillMonitor());
+  Release();
+  ASSERT_TRUE(Eventually([] { return trace_->transcoder != 0; }));
+  EXPECT_TRUE(closer.RemoveTransDir());
+  EXPECT_TRUE(Eventually(
+      [] { return !ProcessAlive(trace_->monitor) && !ProcessAlive(trace_->transcoder); }));
+  kill(caller, SIGKILL);
+}
+
 // Otherwise the monitor of the next seek could be recorded first, and be stopped by this one.
 TEST_F(StreamProcesses, SeekReturnsOnlyOnceItsMonitorIsRecorded) {
   const std::string id = Prepare("silent");
