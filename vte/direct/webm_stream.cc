@@ -159,7 +159,7 @@ void WebMStream::ExecuteMointer(int write_fd) {
       struct stat exists {};
       // A stream that was closed before this process was recorded has no directory any more. A
       // caller that was killed closes no stream, and a transcoder may not write for a long time.
-      if (gWEBMSignal != 0 || readers.Gone() || lstat(directory.c_str(), &exists) != 0) return;
+      if (gWEBMSignal != 0 || readers.Gone() || stat(directory.c_str(), &exists) != 0) return;
       waiter.Wait(kPollMs);
     }
     if (!is_remux) RemoveFromRegistry(gPidWEBMFFMPEG);
