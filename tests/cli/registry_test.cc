@@ -59,7 +59,7 @@ TEST(Registry, CleanRemovesDeadEntriesAndLeftOverDirectories) {
     tarn_test::Running stream({"stream", clip, "--profile", "slow", "--profile-file",
                                tarn_test::TestProfiles(), "-o", "/volume1/out.webm"});
     ASSERT_TRUE(Eventually([] { return !tarn_test::ProcessesWith("pipe:").empty(); }));
-    for (int pid : tarn_test::ProcessesWith("tarnvte")) kill(pid, SIGKILL);
+    for (int pid : tarn_test::ProcessesWith({"tarnvte\0stream", 14})) kill(pid, SIGKILL);
     stream.Wait();
   }
   ASSERT_TRUE(Eventually([] { return tarn_test::ProcessesWith("pipe:").empty(); }));

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <iterator>
 #include <memory>
 #include <thread>
@@ -23,8 +24,9 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  std::ostringstream text;  // a file of /proc may vanish while it is read
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
 }
 
 int NewFile(std::string& path) {
