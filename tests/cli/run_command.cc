@@ -13,9 +13,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <iterator>
 #include <memory>
+#include <sstream>
 #include <thread>
 
 namespace tarn_test {
