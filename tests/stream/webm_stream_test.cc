@@ -56,8 +56,7 @@ class WebMStreamTest : public testing::Test {
   ~WebMStreamTest() override {
     EXPECT_TRUE(Eventually([this] { return LiveProcesses() == baseline_; }))
         << "left running: " << LiveProcesses() - baseline_;
-    LibReelbay::TransLoading registry;
-    EXPECT_FALSE(registry.IsHardwareTranscoding());
+    EXPECT_EQ(Registry(), "[]\n");
   }
 
   static std::string Prepare(const std::string& key, const std::string& file = kClip) {
