@@ -6,6 +6,7 @@ namespace tarn {
 namespace {
 
 ClockFunction g_clock = nullptr;
+ClockFunction g_wall_clock = nullptr;
 
 }  // namespace
 
@@ -17,5 +18,15 @@ int64_t MonotonicMs() {
 }
 
 void SetMonotonicClock(ClockFunction clock) { g_clock = clock; }
+
+int64_t WallSeconds() {
+  if (g_wall_clock != nullptr) return g_wall_clock();
+  // time(2) may be a tick behind: what was touched just now would lie in the future.
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return now.tv_sec;
+}
+
+void SetWallClock(ClockFunction clock) { g_wall_clock = clock; }
 
 }  // namespace tarn

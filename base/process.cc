@@ -190,6 +190,13 @@ bool NullStandardStreams() {
   return true;
 }
 
+std::vector<char*> ExecArguments(const std::vector<std::string>& words) {
+  std::vector<char*> arguments;
+  for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
+  arguments.push_back(nullptr);
+  return arguments;
+}
+
 int PipeDescriptor(std::string_view argument) {
   for (const std::string_view prefix : {"pipe:", "fd:"}) {
     if (!argument.starts_with(prefix)) continue;

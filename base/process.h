@@ -4,7 +4,9 @@
 #include <sys/types.h>
 
 #include <initializer_list>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/unique_fd.h"
 
@@ -53,6 +55,10 @@ void InheritOnly(int keep);
 
 // Standard input, output and error become /dev/null. False where that cannot be opened.
 bool NullStandardStreams();
+
+// The null-terminated array that execv takes; it points into `words`, which must outlive it
+// unchanged.
+std::vector<char*> ExecArguments(const std::vector<std::string>& words);
 
 // The descriptor above 2 that an argument "pipe:N" or "fd:N" names; -1 for any other argument.
 int PipeDescriptor(std::string_view argument);

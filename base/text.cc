@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <climits>
@@ -18,6 +19,10 @@ std::string StreamClassic(T value) {
   out.imbue(std::locale::classic());
   out << value;
   return out.str();
+}
+
+bool IsAsciiAlphanumeric(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
 }  // namespace
@@ -47,6 +52,25 @@ int ParsePid(const std::string& text) {
   const long value = std::strtol(text.c_str(), nullptr, 10);
   if (errno == ERANGE || value <= 1 || value > INT_MAX || value == getpid()) return 0;
   return static_cast<int>(value);
+}
+
+bool HasControlCharacter(std::string_view text) {
+  return std::ranges::any_of(text, [](unsigned char c) { return c < 0x20 || c == 0x7f; });
+}
+
+std::string PercentEncode(std::string_view text) {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  constexpr std::string_view kKept = "-._~";
+  std::string encoded;
+  for (const char c : text) {
+    if (IsAsciiAlphanumeric(c) || kKept.find(c) != std::string_view::npos) {
+      encoded += c;
+    } else {
+      const auto byte = static_cast<unsigned char>(c);
+      encoded += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+  }
+  return encoded;
 }
 
 }  // namespace tarn

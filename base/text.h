@@ -1,4 +1,4 @@
-// Numbers to text and back, untouched by the caller's locale.
+// Numbers to text and back, and text in URLs, untouched by the caller's locale.
 #pragma once
 
 #include <cstdint>
@@ -21,5 +21,13 @@ bool ParseDecimal(std::string_view text, uint64_t& value);
 // A process id read from a file: strtol's leading digits, or 0 where that is not the id of a
 // process that may be signalled (out of range, init, this process itself).
 int ParsePid(const std::string& text);
+
+// A byte of the text is below 0x20 or 0x7F: in a playlist or a manifest it could begin a line or an
+// element of its own.
+bool HasControlCharacter(std::string_view text);
+
+// As a URL's query takes it: letters, digits, "-", ".", "_" and "~" stay, every other byte becomes
+// "%" and two upper-case hexadecimal digits.
+std::string PercentEncode(std::string_view text);
 
 }  // namespace tarn

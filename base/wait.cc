@@ -11,8 +11,37 @@
 #include "base/process.h"
 
 namespace tarn {
+namespace {
+
+// Closing an inotify descriptor that has watches waits until the kernel has forgotten them: ten
+// milliseconds, and on a busy machine hundreds. Removing a watch waits for nothing. So one
+// descriptor without watches is kept for the next waiter.
+struct SpareInotify {
+  // A child of a fork shares the events with its parent, and may have closed the descriptor without
+  // a word: it makes one of its own.
+  bool IsOurs() const { return fd >= 0 && owner == getpid(); }
+
+  pid_t owner = 0;
+  int fd = -1;
+};
+thread_local SpareInotify spare;
+
+UniqueFd TakeInotify() {
+  const int fd = spare.IsOurs() ? spare.fd : inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  spare = {getpid(), -1};
+  return UniqueFd(fd);
+}
+
+}  // namespace
 
 ChangeWaiter::ChangeWaiter() = default;
+
+ChangeWaiter::~ChangeWaiter() {
+  if (!inotify_.valid() || owner_ != getpid()) return;
+  for (const int watch : watches_) inotify_rm_watch(inotify_.get(), watch);
+  Forget();
+  if (!spare.IsOurs()) spare = {owner_, inotify_.release()};
+}
 
 void ChangeWaiter::WatchProcess(pid_t pid) {
   UniqueFd fd = OpenPidfd(pid);
@@ -24,8 +53,13 @@ void ChangeWaiter::WatchProcess(pid_t pid) {
 }
 
 bool ChangeWaiter::AddWatch(const std::string& path, unsigned mask) {
-  if (!inotify_.valid()) inotify_.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-  return inotify_.valid() && inotify_add_watch(inotify_.get(), path.c_str(), mask) >= 0;
+  if (!inotify_.valid()) {
+    inotify_ = TakeInotify();
+    owner_ = getpid();
+  }
+  const int watch = inotify_add_watch(inotify_.get(), path.c_str(), mask);
+  if (watch >= 0 && std::ranges::find(watches_, watch) == watches_.end()) watches_.push_back(watch);
+  return watch >= 0;
 }
 
 bool ChangeWaiter::WatchDirectory(const std::string& path) {
@@ -71,6 +105,19 @@ void ChangeWaiter::Forget() {
   char events[4096];
   while (read(inotify_.get(), events, sizeof events) > 0) {
   }
+}
+
+int WaitReadable(int fd, int milliseconds) {
+  const int64_t deadline = MonotonicMs() + milliseconds;
+  pollfd state{fd, POLLIN, 0};
+  int ready;
+  for (int64_t left = milliseconds;; left = std::max<int64_t>(deadline - MonotonicMs(), 0)) {
+    ready = poll(&state, 1, static_cast<int>(left));
+    if (ready >= 0 || errno != EINTR) break;
+  }
+  if (ready < 1 || (state.revents & POLLNVAL) == 0) return ready;
+  errno = EBADF;
+  return -1;
 }
 
 void SleepMs(int milliseconds) {

@@ -22,13 +22,16 @@ class ChangeWaiter {
   enum class Reason { kChange, kTimeout, kSignal };
 
   ChangeWaiter();
+  ~ChangeWaiter();
+  ChangeWaiter(const ChangeWaiter&) = delete;
+  ChangeWaiter& operator=(const ChangeWaiter&) = delete;
 
   // Watches a process's end, which ends one wait; afterwards the process is no longer watched. One
   // that is gone already makes the next wait return at once.
   void WatchProcess(pid_t pid);
 
   // Watches a directory: entries created, moved in or out, removed or closed after writing, and its
-  // own removal. False when it is not there.
+  // own removal. One that is watched already stays so. False when it is not there.
   bool WatchDirectory(const std::string& path);
 
   // Watches one file for being closed by whoever had it open.
@@ -63,10 +66,17 @@ class ChangeWaiter {
   void DropEnded(const std::vector<pollfd>& polled);
 
   UniqueFd inotify_;
+  pid_t owner_ = 0;  // the process that opened it
+  std::vector<int> watches_;
   std::vector<UniqueFd> processes_;
   std::vector<int> descriptors_;
   bool gone_ = false;
 };
+
+// Waits at most `milliseconds` for data or the end of file on a descriptor; a signal does not end
+// the wait. 1 when something came, 0 when nothing did, -1 with errno for a descriptor that is not
+// open; one below 0 is never ready.
+int WaitReadable(int fd, int milliseconds);
 
 // Sleeps for the whole span, for the places that have nothing to watch.
 void SleepMs(int milliseconds);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -112,7 +113,20 @@ TEST(ReplaceFile, ReplacesALinkRatherThanItsTarget) {
   EXPECT_EQ(ReadText("/tmp/planted"), "ours");
 }
 
+TEST(ReplaceFile, DoesNotWriteToADeviceThroughALink) {
+  ASSERT_EQ(symlink("/dev/null", "/tmp/planted"), 0);
+  EXPECT_TRUE(tarn::ReplaceFile("/tmp/planted", "ours", 0644));
+  EXPECT_EQ(ReadText("/tmp/planted"), "ours");
+}
+
+TEST(ReplaceFile, TakesTheLongestName) {
+  const std::string path = "/tmp/" + std::string(255, 'n');
+  EXPECT_TRUE(tarn::ReplaceFile(path, "x", 0644));
+  EXPECT_EQ(ReadText(path), "x");
+}
+
 TEST(ReplaceFile, FailsWhereThereIsNoPlace) {
+  EXPECT_FALSE(tarn::ReplaceFile("", "x", 0644));
   EXPECT_FALSE(tarn::ReplaceFile("/tmp/missing/file", "x", 0644));
   EXPECT_FALSE(tarn::ReplaceFile("/tmp", "x", 0644));
   EXPECT_FALSE(tarn::ReplaceFile("/dev/full", "x", 0644));
@@ -211,6 +225,59 @@ TEST(RewriteInPlace, NoticesADeviceThatIsFull) {
   EXPECT_FALSE(tarn::RewriteInPlace(-1, "x"));
   const tarn::UniqueFd read_only(tarn::OpenRetry("/etc/passwd", O_RDONLY));
   EXPECT_FALSE(tarn::RewriteInPlace(read_only.get(), "x"));
+}
+
+bool IsFree(const std::string& path) {
+  const tarn::UniqueFd file(tarn::OpenRetry(path.c_str(), O_RDONLY));
+  return flock(file.get(), LOCK_EX | LOCK_NB) == 0;
+}
+
+TEST(OpenLocked, HoldsTheFileAsLongAsItsDescriptor) {
+  umask(0);
+  {
+    const tarn::UniqueFd lock = tarn::OpenLocked("/tmp/lock", 0640);
+    ASSERT_TRUE(lock.valid());
+    EXPECT_EQ(Mode("/tmp/lock"), 0640u);
+    EXPECT_FALSE(IsFree("/tmp/lock"));
+    EXPECT_EQ(fcntl(lock.get(), F_GETFD), FD_CLOEXEC);
+  }
+  EXPECT_TRUE(IsFree("/tmp/lock"));
+}
+
+TEST(OpenLocked, WaitsForAnotherHolderThroughInterruptions) {
+  tarn::UniqueFd lock = tarn::OpenLocked("/tmp/lock", 0644);
+  const pid_t waiter = test::InChild([&lock] {
+    lock.reset();
+    const test::FastTimer timer;
+    WriteText("/tmp/waits", "x");
+    return tarn::OpenLocked("/tmp/lock", 0644).valid() ? 0 : 1;
+  });
+  ASSERT_TRUE(test::Eventually([] { return ReadText("/tmp/waits") == "x"; }));
+  tarn::SleepMs(100);
+  EXPECT_EQ(waitpid(waiter, nullptr, WNOHANG), 0);
+  lock.reset();
+  EXPECT_EQ(test::WaitFor(waiter), 0);
+}
+
+int64_t g_now = 0;
+
+TEST(OpenLocked, WaitsForAStrangerOneMinute) {
+  const tarn::UniqueFd stranger = tarn::OpenLocked("/tmp/lock", 0644);
+  tarn::SetMonotonicClock([] { return g_now += 7'000; });
+  const int64_t begin = g_now;
+  const tarn::UniqueFd lock = tarn::OpenLocked("/tmp/lock", 0644);
+  tarn::SetMonotonicClock(nullptr);
+  EXPECT_FALSE(lock.valid());
+  EXPECT_GE(g_now - begin, 60'000);
+}
+
+TEST(OpenLocked, FollowsNoLinkAndMakesNoDirectory) {
+  ASSERT_EQ(symlink("/tmp/elsewhere", "/tmp/lock"), 0);
+  EXPECT_FALSE(tarn::OpenLocked("/tmp/lock", 0644).valid());
+  EXPECT_FALSE(std::filesystem::exists("/tmp/elsewhere"));
+  EXPECT_FALSE(tarn::OpenLocked("/tmp/missing/lock", 0644).valid());
+  EXPECT_FALSE(std::filesystem::exists("/tmp/missing"));
+  EXPECT_FALSE(tarn::OpenLocked("", 0644).valid());
 }
 
 }  // namespace

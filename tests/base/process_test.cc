@@ -40,6 +40,15 @@ std::set<int> Descriptors() {
 
 bool IsCloseOnExec(int fd) { return (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0; }
 
+TEST(ExecArguments, AreTheWordsAndANull) {
+  const std::vector<std::string> words = {"/bin/x", "", "two words"};
+  const std::vector<char*> arguments = tarn::ExecArguments(words);
+  ASSERT_EQ(arguments.size(), 4u);
+  for (size_t i = 0; i < words.size(); ++i) EXPECT_EQ(arguments[i], words[i]);
+  EXPECT_EQ(arguments[3], nullptr);
+  EXPECT_EQ(tarn::ExecArguments({}), std::vector<char*>{nullptr});
+}
+
 TEST(ForkBlocked, ChildStartsWithEverySignalBlocked) {
   const pid_t pid = tarn::ForkBlocked();
   if (pid == 0) {

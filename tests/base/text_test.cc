@@ -85,4 +85,20 @@ TEST(ParsePid, GivesOnlyAPidThatMayBeSignalled) {
   EXPECT_EQ(tarn::ParsePid(std::to_string(getpid())), 0);
 }
 
+TEST(HasControlCharacter, TakesEveryByteBelowABlankAndDelete) {
+  for (int byte = 0; byte < 256; ++byte) {
+    const std::string text = "a" + std::string(1, static_cast<char>(byte)) + "b";
+    EXPECT_EQ(tarn::HasControlCharacter(text), byte < 0x20 || byte == 0x7f) << byte;
+  }
+  EXPECT_FALSE(tarn::HasControlCharacter(""));
+}
+
+TEST(PercentEncode, KeepsLettersDigitsAndFourMarks) {
+  EXPECT_EQ(tarn::PercentEncode(""), "");
+  EXPECT_EQ(tarn::PercentEncode("AZaz09-._~"), "AZaz09-._~");
+  EXPECT_EQ(tarn::PercentEncode("/v/movie.chs.srt"), "%2Fv%2Fmovie.chs.srt");
+  EXPECT_EQ(tarn::PercentEncode("a b+c\"%\n"s + '\0'), "a%20b%2Bc%22%25%0A%00");
+  EXPECT_EQ(tarn::PercentEncode("\xc3\xa4\xff@[`{"), "%C3%A4%FF%40%5B%60%7B");
+}
+
 }  // namespace

@@ -6,6 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <optional>
+
 #include "base/signals.h"
 #include "tests/support/process.h"
 
@@ -91,6 +94,52 @@ TEST(Wait, WatchesOnlyDirectoriesThatAreThere) {
   EXPECT_FALSE(waiter.WatchClose("/tmp/missing"));
 }
 
+TEST(Wait, IsNotEndedByWhatAnEarlierWaiterWatched) {
+  ASSERT_EQ(mkdir("/tmp/earlier", 0755), 0);
+  ASSERT_EQ(mkdir("/tmp/later", 0755), 0);
+  {
+    ChangeWaiter earlier;
+    ASSERT_TRUE(earlier.WatchDirectory("/tmp/earlier"));
+    test::WriteText("/tmp/earlier/unnoticed", "x");
+  }
+  ChangeWaiter later;
+  ASSERT_TRUE(later.WatchDirectory("/tmp/later"));
+  test::WriteText("/tmp/earlier/late", "x");
+  EXPECT_EQ(later.Wait(1), Reason::kTimeout);
+  test::WriteText("/tmp/later/file", "x");
+  EXPECT_EQ(later.Wait(kLongMs), Reason::kChange);
+}
+
+TEST(Wait, GoesOnWhenAForkedProcessDropsItsCopy) {
+  ASSERT_EQ(mkdir("/tmp/shared", 0755), 0);
+  ASSERT_EQ(mkdir("/tmp/own", 0755), 0);
+  std::optional<ChangeWaiter> waiter(std::in_place);
+  ASSERT_TRUE(waiter->WatchDirectory("/tmp/shared"));
+  const pid_t child = test::InChild([&] {
+    waiter.reset();
+    // One of its own sees nothing of what its parent watches.
+    ChangeWaiter own;
+    if (!own.WatchDirectory("/tmp/own")) return 1;
+    test::WriteText("/tmp/shared/file", "x");
+    return own.Wait(1) == Reason::kTimeout ? 0 : 2;
+  });
+  EXPECT_EQ(test::WaitFor(child), 0);
+  EXPECT_EQ(waiter->Wait(kLongMs), Reason::kChange);
+}
+
+TEST(Wait, WaitersLeaveOneDescriptorAtMost) {
+  ASSERT_EQ(mkdir("/tmp/often", 0755), 0);
+  const auto wait_together = [] {
+    ChangeWaiter one, two;
+    ASSERT_TRUE(one.WatchDirectory("/tmp/often"));
+    ASSERT_TRUE(two.WatchDirectory("/tmp/often"));
+  };
+  wait_together();
+  const auto before = test::OpenDescriptors();
+  for (int i = 0; i < 20; ++i) wait_together();
+  EXPECT_EQ(test::OpenDescriptors(), before);
+}
+
 TEST(Wait, EndsWhenAFileIsClosed) {
   test::WriteText("/tmp/locked", "x");
   tarn::UniqueFd holder(tarn::OpenRetry("/tmp/locked", O_RDONLY));
@@ -169,6 +218,34 @@ TEST(WaitUntil, GivesUpAfterItsSteps) {
 TEST(WaitUntil, AsksBeforeItWaits) {
   ChangeWaiter waiter;
   EXPECT_TRUE(waiter.WaitUntil([] { return true; }, 60, 1000));
+}
+
+TEST(WaitReadable, EndsWithDataAndWithTheEndOfFile) {
+  tarn::UniqueFd read_end, write_end;
+  ASSERT_TRUE(tarn::OpenPipe(read_end, write_end));
+  EXPECT_EQ(tarn::WaitReadable(read_end.get(), 0), 0);
+  EXPECT_EQ(tarn::WaitReadable(read_end.get(), 1), 0);
+  ASSERT_TRUE(tarn::WriteAll(write_end.get(), "x"));
+  EXPECT_EQ(tarn::WaitReadable(read_end.get(), kLongMs), 1);
+  char byte;
+  EXPECT_EQ(tarn::ReadRetry(read_end.get(), &byte, 1), 1);
+  write_end.reset();
+  EXPECT_EQ(tarn::WaitReadable(read_end.get(), kLongMs), 1);
+  EXPECT_EQ(tarn::ReadRetry(read_end.get(), &byte, 1), 0);
+}
+
+TEST(WaitReadable, IsNotCutShortBySignals) {
+  tarn::UniqueFd read_end, write_end;
+  ASSERT_TRUE(tarn::OpenPipe(read_end, write_end));
+  const test::FastTimer timer;
+  const int64_t start = tarn::MonotonicMs();
+  EXPECT_EQ(tarn::WaitReadable(read_end.get(), 50), 0);
+  EXPECT_GE(tarn::MonotonicMs() - start, 49);
+}
+
+TEST(WaitReadable, FailsForADescriptorThatIsNotOpen) {
+  EXPECT_EQ(tarn::WaitReadable(1000, kLongMs), -1);
+  EXPECT_EQ(errno, EBADF);
 }
 
 TEST(SleepMs, IsNotCutShortBySignals) {
