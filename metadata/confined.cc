@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <exception>
 
@@ -32,12 +33,15 @@ namespace LibTarnVTE {
 namespace {
 
 constexpr char kLogUnit[] = "confined";
-constexpr int64_t kWallTimeMs = 30'000;
-constexpr rlim_t kProcessorSeconds = 30;
 constexpr size_t kMaxResultBytes = size_t{16} << 20;
 
-// The end of a result; a text without it is what a dying child left behind.
+// What a child sends: a mark for each step that it got on, then the result between two marks. A
+// text without its end is what a dying child left behind.
+constexpr char kStepMark = '.';
+constexpr char kBeginMark = ':';
 constexpr char kEndMark = '\0';
+
+using Work = std::function<std::string(const GetOn&)>;
 
 #ifndef TARN_ADDRESS_SANITIZER
 // What the child inherited of its parent's address space, which counts against the limit.
@@ -56,16 +60,16 @@ void Limit(decltype(RLIMIT_AS) resource, rlim_t value) {
   setrlimit(resource, &limit);
 }
 
-void LimitResources() {
+void LimitResources(const ConfinedLimits& limits) {
 #ifndef TARN_ADDRESS_SANITIZER  // which reserves terabytes of address space
   constexpr rlim_t kMemoryBytes = rlim_t{2} << 30;
   Limit(RLIMIT_AS, AddressSpaceInUse() + kMemoryBytes);
 #endif
-  Limit(RLIMIT_CPU, kProcessorSeconds);
+  Limit(RLIMIT_CPU, static_cast<rlim_t>((limits.total_ms + 999) / 1000));
   Limit(RLIMIT_CORE, 0);
 }
 
-[[noreturn]] void RunChild(int pipe_end, const std::function<std::string()>& work) {
+[[noreturn]] void RunChild(int pipe_end, const ConfinedLimits& limits, const Work& work) {
   tarn::ResetSignals();
   tarn::DieWithParent();
   // Above the standard streams even if the caller had closed its own.
@@ -74,35 +78,54 @@ void LimitResources() {
 #ifndef TARN_ADDRESS_SANITIZER  // whose reports go to standard error
   tarn::NullStandardStreams();
 #endif
-  LimitResources();
+  LimitResources(limits);
   try {
     tarn::FaultPoint("confined.child");
-    std::string text = work();
-    text += kEndMark;
+    const std::string text = kBeginMark + work([out] {
+                               tarn::WriteAll(out, {&kStepMark, 1});
+                             }) +
+                             kEndMark;
     _exit(tarn::WriteAll(out, text) ? 0 : 1);
   } catch (const std::exception&) {  // out of memory
     _exit(1);
   }
 }
 
-enum class Outcome { kEnded, kTooLong, kTimeout, kError };
+enum class Outcome { kEnded, kTooLong, kTimeout, kIdle, kError };
 
-Outcome ReadUntilEnd(int fd, std::string& text) {
-  const int64_t deadline = tarn::MonotonicMs() + kWallTimeMs;
+Outcome ReadUntilEnd(int fd, const ConfinedLimits& limits, std::string& text) {
+  const int64_t begin = tarn::MonotonicMs();
+  const int64_t end = begin + limits.total_ms;
+  int64_t deadline = std::min(end, begin + limits.idle_ms);
   tarn::ChangeWaiter waiter;
   waiter.WatchReadable(fd);
   char buffer[64 * 1024];
   for (;;) {
     const int64_t left = deadline - tarn::MonotonicMs();
-    if (left <= 0) return Outcome::kTimeout;
-    if (waiter.Wait(static_cast<int>(left)) != tarn::ChangeWaiter::Reason::kChange) continue;
+    if (left <= 0) return deadline == end ? Outcome::kTimeout : Outcome::kIdle;
+    if (waiter.Wait(static_cast<int>(std::min<int64_t>(left, INT_MAX))) !=
+        tarn::ChangeWaiter::Reason::kChange)
+      continue;
     const ssize_t count = read(fd, buffer, sizeof buffer);
     if (count == 0) return Outcome::kEnded;
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return Outcome::kError;
     text.append(buffer, static_cast<size_t>(count));
+    deadline = std::min(end, tarn::MonotonicMs() + limits.idle_ms);
     if (text.size() > kMaxResultBytes) return Outcome::kTooLong;
   }
+}
+
+// Leaves only the text of what the child sent. False when there is none.
+bool TakeText(std::string& sent) {
+  const size_t begin = sent.find_first_not_of(kStepMark);
+  if (begin == std::string::npos || sent[begin] != kBeginMark || sent.size() < begin + 2 ||
+      sent.back() != kEndMark) {
+    return false;
+  }
+  sent.pop_back();
+  sent.erase(0, begin + 1);
+  return true;
 }
 
 void LogLostChild(int status) {
@@ -116,6 +139,11 @@ void LogLostChild(int status) {
 }  // namespace
 
 bool RunConfined(const std::function<std::string()>& work, std::string& result) {
+  return RunConfined(
+      ConfinedLimits{}, [&work](const GetOn&) { return work(); }, result);
+}
+
+bool RunConfined(const ConfinedLimits& limits, const Work& work, std::string& result) {
   result.clear();
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -129,10 +157,10 @@ bool RunConfined(const std::function<std::string()>& work, std::string& result) 
     TARN_LOG_ERR("Failed to fork: %m");
     return false;
   }
-  if (pid == 0) RunChild(write_end.get(), work);
+  if (pid == 0) RunChild(write_end.get(), limits, work);
   write_end.reset();
 
-  const Outcome outcome = ReadUntilEnd(read_end.get(), result);
+  const Outcome outcome = ReadUntilEnd(read_end.get(), limits, result);
   // The pipe's other end is still open, so the child is still there.
   if (outcome != Outcome::kEnded) kill(pid, SIGKILL);
   int status = 0;
@@ -140,14 +168,16 @@ bool RunConfined(const std::function<std::string()>& work, std::string& result) 
 
   switch (outcome) {
     case Outcome::kEnded:
-      if (!result.empty() && result.back() == kEndMark) {
-        result.pop_back();
-        return true;
-      }
+      if (TakeText(result)) return true;
       LogLostChild(status);
       break;
     case Outcome::kTimeout:
-      TARN_LOG_ERR("Process was stopped after %d s.", static_cast<int>(kWallTimeMs / 1000));
+      TARN_LOG_ERR("Process was stopped after %lld s.",
+                   static_cast<long long>(limits.total_ms / 1000));
+      break;
+    case Outcome::kIdle:
+      TARN_LOG_ERR("Process was stopped after %lld s in which it did not get on.",
+                   static_cast<long long>(limits.idle_ms / 1000));
       break;
     case Outcome::kTooLong:
       TARN_LOG_ERR("Process was stopped: its result is too long.");

@@ -199,18 +199,86 @@ TEST_F(Confined, AChildThatExitsEarlyIsAFailure) {
   ExpectOneLogLine("status 0 and no result");
 }
 
+// Each look at the clock is almost thirty seconds later than the one before.
+int64_t LeapingClock() {
+  static int64_t now = 0;
+  return now += 29'950;
+}
+
 TEST_F(Confined, AChildThatHangsIsKilledAfterThirtySeconds) {
   tarn::SetFaultHook([](const char*) {
     for (;;) pause();
   });
-  // Each look at the clock is almost the whole time later than the one before.
-  tarn::SetMonotonicClock([]() -> int64_t {
-    static int64_t now = 0;
-    return now += 29'950;
-  });
+  tarn::SetMonotonicClock(LeapingClock);
   std::string result;
   EXPECT_FALSE(RunConfined([] { return std::string("never"); }, result));
   ExpectOneLogLine("stopped after 30 s");
+}
+
+constexpr ConfinedLimits kPatient{.total_ms = 3'600'000, .idle_ms = 30'000};
+
+// Each look at the clock is ten seconds later than the one before.
+int64_t HurryingClock() {
+  static int64_t now = 0;
+  return now += 10'000;
+}
+
+TEST_F(Confined, AChildThatGetsOnMayTakeLonger) {
+  tarn::SetMonotonicClock(HurryingClock);
+  std::string result;
+  EXPECT_TRUE(RunConfined(
+      kPatient,
+      [](const GetOn& get_on) {
+        for (int i = 0; i < 20; ++i) {
+          get_on();
+          usleep(20'000);  // a read of the parent each
+        }
+        return std::string("..:text");
+      },
+      result));
+  EXPECT_EQ(result, "..:text");
+  EXPECT_TRUE(g_log.empty());
+}
+
+TEST_F(Confined, AChildThatStopsGettingOnIsKilled) {
+  tarn::SetMonotonicClock(LeapingClock);
+  std::string result;
+  EXPECT_FALSE(RunConfined(
+      kPatient,
+      [](const GetOn& get_on) -> std::string {
+        get_on();
+        for (;;) pause();
+      },
+      result));
+  EXPECT_EQ(result, "");
+  ExpectOneLogLine("stopped after 30 s in which it did not get on");
+}
+
+TEST_F(Confined, AChildThatGetsOnForEverIsKilledInTheEnd) {
+  tarn::SetMonotonicClock(HurryingClock);
+  std::string result;
+  EXPECT_FALSE(RunConfined(
+      kPatient,
+      [](const GetOn& get_on) -> std::string {
+        for (;;) {
+          get_on();
+          usleep(1000);
+        }
+      },
+      result));
+  ExpectOneLogLine("stopped after 3600 s");
+}
+
+TEST_F(Confined, AChildThatDiesAfterItGotOnIsAFailure) {
+  std::string result;
+  EXPECT_FALSE(RunConfined(
+      kPatient,
+      [](const GetOn& get_on) -> std::string {
+        get_on();
+        _exit(0);
+      },
+      result));
+  ExpectOneLogLine("status 0 and no result");
 }
 
 TEST_F(Confined, ACallerThatIgnoresItsChildrenGetsTheText) {
