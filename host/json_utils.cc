@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 
-#include <cerrno>
-
 #include "base/file_io.h"
 #include "base/log.h"
 #include "base/unique_fd.h"
@@ -16,14 +14,13 @@ namespace {
 constexpr char kLogUnit[] = "json_utils";
 constexpr size_t kMaxFileSize = 16 << 20;
 
-// A lock on the JSON file itself. Work goes on without it where it cannot be had. (Closing the
-// descriptor releases it: nobody else holds this open file.)
+// A lock on the JSON file itself. Work goes on without it where it cannot be had, within a minute.
+// (Closing the descriptor releases it: nobody else holds this open file.)
 class ScopedFileLock {
  public:
   ScopedFileLock(const std::string& path, int open_flags, int operation)
       : fd_(tarn::OpenRetry(path.c_str(), open_flags | O_NONBLOCK, 0664)) {
-    while (fd_.valid() && flock(fd_.get(), operation) != 0 && errno == EINTR) {
-    }
+    if (fd_.valid()) tarn::LockWithinMinute(fd_.get(), path, operation);
   }
 
  private:

@@ -11,15 +11,12 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/trusted_dir.h"
-#include "base/wait.h"
 #include "tarnutil/qlibc.h"
 
 namespace LibReelbay {
 namespace {
 
 constexpr char kLogUnit[] = "lock";
-constexpr int kLongestWaitMs = 60'000;  // nobody holds a lock longer than a few milliseconds
-constexpr int kStepMs = 50;
 
 bool MakeDirectory(const std::string& directory) {
   struct stat status {};
@@ -37,15 +34,6 @@ bool TryLock(int fd) {
     result = flock(fd, LOCK_EX | LOCK_NB);
   } while (result != 0 && errno == EINTR);
   return result == 0;
-}
-
-// flock itself could wait for ever on a stranger's lock.
-bool WaitForLock(int fd, const std::string& path) {
-  if (TryLock(fd)) return true;
-  if (errno != EWOULDBLOCK) return false;
-  tarn::ChangeWaiter waiter;
-  waiter.WatchClose(path);
-  return waiter.WaitUntil([fd] { return TryLock(fd); }, kLongestWaitMs / kStepMs, kStepMs);
 }
 
 }  // namespace
@@ -68,7 +56,7 @@ bool Lock::LockFile() {
   // Not blocking: a FIFO has no writer.
   fd = tarn::OpenRetry(path.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0644);
   if (fd < 0) return false;
-  locked = blocking ? WaitForLock(fd, path) : TryLock(fd);
+  locked = blocking ? tarn::LockWithinMinute(fd, path, LOCK_EX) : TryLock(fd);
   return locked;
 }
 

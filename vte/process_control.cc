@@ -1,10 +1,7 @@
 // Transcoder processes: admission, becoming the transcoder, the recorded monitor.
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <vector>
 
 #include "base/fault_point.h"
@@ -55,9 +52,7 @@ void PauseOfflineConversion() {
 // Replaces this process by a program. Returns false when it could not.
 bool BecomeProgram(const std::string& path, const std::vector<std::string>& arguments,
                    const std::string& output, const char* label) {
-  std::vector<char*> argv;
-  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
+  const std::vector<char*> argv = tarn::ExecArguments(arguments);
   return librb::DoActionAsRoot(label, [&] {
     if (!tarn::NullStandardStreams() || !tarn::PrepareExec(tarn::PipeDescriptor(output))) {
       return false;
@@ -82,7 +77,7 @@ bool VTEStream::CheckTransLoading(bool force_stop_offline) {
   return false;
 }
 
-bool VTEStream::CheckTransload() {
+bool VTEStream::CheckTransload() const {
   TransLoading registry;
   if (!registry.TransEnable(is_hardware)) {
     TARN_LOG_ERR("VTE - TransEnable Failed.");
@@ -116,15 +111,16 @@ bool VTEStream::ExecuteGstreamerTranscoding(const std::string& output,
   return BecomeProgram(kGstreamBin, arguments, output, "Execute GStreamer");
 }
 
-bool VTEStream::SaveMonitorPid(int new_pid, bool wait_old) {
+bool VTEStream::SaveMonitorPid(int new_pid, bool wait_old) const {
+  return SaveMonitorPidIf(new_pid, wait_old, [] { return true; });
+}
+
+bool VTEStream::SaveMonitorPidIf(int new_pid, bool wait_old,
+                                 const std::function<bool()>& wanted) const {
   const std::string lock_path = GetVTEFileFullPath(kLockFile);
   if (lock_path.empty()) return false;
-  const tarn::UniqueFd lock(
-      tarn::OpenRetry(lock_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0660));
-  if (!lock.valid()) return false;
-  while (flock(lock.get(), LOCK_EX) != 0) {
-    if (errno != EINTR) return false;
-  }
+  const tarn::UniqueFd lock = tarn::OpenLocked(lock_path, 0660);
+  if (!lock.valid() || !wanted()) return false;
   const std::string pid_path = GetVTEFileFullPath(kMonitorPidFile);
   const std::string text = ReadFile(pid_path);
   // The file is all there is: that its process is still the monitor, and not a later one with the
@@ -151,8 +147,11 @@ bool VTEStream::IsFFmpegRun() const {
     TARN_LOG_ERR("Bad parameter");
     return false;
   }
-  const std::string text = ReadFile(GetVTEFileFullPath(kMonitorPidFile));
-  return !text.empty() && QLIBCProcAlive(tarn::ParsePid(text)) != 0;
+  return QLIBCProcAlive(GetMonitorPid()) != 0;
+}
+
+int VTEStream::GetMonitorPid() const {
+  return tarn::ParsePid(ReadFile(GetVTEFileFullPath(kMonitorPidFile)));
 }
 
 bool VTEStream::CloseStreamCommon() {

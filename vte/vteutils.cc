@@ -73,7 +73,7 @@ std::string ReadFile(const std::string& path) {
 
 bool SaveFile(const std::string& path, const std::string& text) {
   if (path.empty() || text.empty()) return false;
-  if (!tarn::ReplaceFile(path, text, 0666)) {
+  if (!tarn::ReplaceFile(path, text, 0644)) {
     TARN_LOG_ERR("Failed to write file [%s]", path.c_str());
     return false;
   }

@@ -191,11 +191,16 @@ bool VTEStream::RemoveTransDir() {
   const std::string name = GetVTEFileFullPath("");
   if (name.empty()) return false;
   const std::string target = LinkTarget(name);
-  if (IsOwnVolumeDirectory(target, stream_type, stream_id) && VerifyFileExist(target)) {
-    IF_RUN_AS(root);
-    if (root) QLIBCExec("/bin/rm", "-rf", target.c_str(), nullptr, nullptr);
-  }
+  // First the name, which every process of the stream uses: a request or a transcoder that found
+  // the directory while it is emptied could put a file into it, and so keep it.
   unlink(name.c_str());
+  if (!IsOwnVolumeDirectory(target, stream_type, stream_id) || !VerifyFileExist(target))
+    return true;
+  IF_RUN_AS(root);
+  if (!root) return true;
+  QLIBCExec("/bin/rm", "-rf", target.c_str(), nullptr, nullptr);
+  // Whoever had found it before the name went is done by now.
+  if (VerifyFileExist(target)) RemoveTree(target);
   return true;
 }
 

@@ -2,9 +2,10 @@
 //
 // Every function returns false for an empty path, a file that cannot be opened and text that is not
 // JSON, and none throws. Strings that are not UTF-8 (file names) survive a round trip byte for
-// byte. Locks are advisory flock(2) locks on the file itself: the locking variants must not be used
-// on a file that the caller has locked through another descriptor. Any thread, except that the
-// global C++ locale is replaced while text is parsed.
+// byte. Locks are advisory flock(2) locks on the file itself, waited for at most 60 s and then done
+// without: the locking variants must not be used on a file that the caller has locked through
+// another descriptor. Any thread, except that the global C++ locale is replaced while text is
+// parsed.
 #pragma once
 
 #include <json/value.h>

@@ -12,6 +12,7 @@
 #include <json/value.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -106,7 +107,7 @@ class TARNVTE_EXPORT VTEStream {
   // The same without regard to offline conversion, and registers this process, which is about to
   // become the transcoder. False, and logged, when there is no slot or the registry is not to be
   // had.
-  bool CheckTransload();
+  bool CheckTransload() const;
   // Become the transcoder, as root, registered unless the video is copied. For a child process made
   // for it: they return, false, only on failure. `hardware` is passed on as `copyts` of the command
   // line; `flag` as `shiftpts`. `inputs` are its options. An `output` "pipe:N" or "fd:N" is the one
@@ -118,7 +119,7 @@ class TARNVTE_EXPORT VTEStream {
   // Stops (SIGTERM) the recorded monitor and records `new_pid` (0: leaves the record); `wait_old`
   // waits up to 5 s for the old one. False when the lock file cannot be opened, which stops nobody,
   // or the record cannot be written.
-  bool SaveMonitorPid(int new_pid, bool wait_old);
+  bool SaveMonitorPid(int new_pid, bool wait_old) const;
   // The recorded monitor, which lives as long as its transcoder, is alive. False without a record.
   bool IsFFmpegRun() const;
   // Stops the monitor, without waiting for it, and removes the working directory. True also when
@@ -163,6 +164,12 @@ class TARNVTE_EXPORT VTEStream {
   std::string RemoveVaapiFFmpegScaleParam(const std::string& value) const;
 
  protected:
+  // The recorded monitor, alive or not; 0 without a usable record.
+  int GetMonitorPid() const;
+  // SaveMonitorPid, unless `wanted`, which is asked under its lock, says false: nobody is stopped
+  // and nothing recorded then, and the result is false.
+  bool SaveMonitorPidIf(int new_pid, bool wait_old, const std::function<bool()>& wanted) const;
+
   std::string stream_id;
   std::string stream_type;
   std::string error;

@@ -21,8 +21,8 @@ TARNVTE_EXPORT bool VerifyFileExist(const std::string& path, unsigned retries = 
 // A small file's text (at most 4095 bytes, up to the first NUL).
 TARNVTE_EXPORT std::string ReadFile(const std::string& path);
 
-// Replaces a file's content; a reader sees the old text or the new. False for an empty path or
-// text.
+// Replaces a file's content; a reader sees the old text or the new. The file's mode is 0644 before
+// the umask. False for an empty path or text.
 TARNVTE_EXPORT bool SaveFile(const std::string& path, const std::string& text);
 
 // Tokens between any of the delimiter characters; never an empty one.

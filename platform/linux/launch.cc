@@ -65,11 +65,7 @@ bool IsRunnable(const Program& program) {
 
 bool LaunchedChild::Launch(const Program& program) {
   if (!IsRunnable(program)) return false;
-  std::vector<char*> argv;
-  for (const std::string& argument : program.argv) {
-    argv.push_back(const_cast<char*>(argument.c_str()));
-  }
-  argv.push_back(nullptr);
+  const std::vector<char*> argv = ExecArguments(program.argv);
   UniqueFd write_end;
   if (!OpenPipe(report_, write_end)) {
     TARN_LOG_ERR("cannot open a pipe for [%s]: %s", program.path.c_str(), std::strerror(errno));

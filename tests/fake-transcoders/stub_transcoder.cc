@@ -1,5 +1,5 @@
 // A transcoder that does what its profile says: "-stub MODE" anywhere among its options. Its output
-// is the last argument, "pipe:N", as the engine gives it.
+// is the last argument, "pipe:N", or, as the launcher, that of "-o fd:N".
 //
 //   brief      writes "done" and ends
 //   spew       writes until nobody reads it
@@ -79,18 +79,19 @@ int Report(char* pipe) {
 
 int main(int argc, char* argv[]) {
   std::string mode;
+  std::string output = argv[argc - 1];
   for (int i = 1; i + 1 < argc; ++i) {
     if (std::string(argv[i]) == "-stub") mode = argv[i + 1];
+    if (std::string(argv[i]) == "-o") output = argv[i + 1];
   }
-  const std::string output = argv[argc - 1];
-  if (!output.starts_with("pipe:")) return 2;
-  g_output = std::atoi(output.c_str() + 5);
+  if (!output.starts_with("pipe:") && !output.starts_with("fd:")) return 2;
+  g_output = std::atoi(output.c_str() + output.find(':') + 1);
 
   if (mode == "brief") return Say("done"), 0;
   if (mode == "spew") return Spew();
   if (mode == "lone") return Lone();
   if (mode == "arguments") return Arguments(argc, argv);
-  if (mode == "report") return Report(argv[argc - 1]);
+  if (mode == "report") return Report(output.data());
   if (mode == "mute") RunOn();
   if (mode == "polite") signal(SIGINT, SayEnd);
   if (mode == "deaf-int" || mode == "deaf") signal(SIGINT, SIG_IGN);

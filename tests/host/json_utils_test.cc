@@ -195,6 +195,26 @@ TEST(JsonUtils, WritingWaitsForReaders) {
   EXPECT_EQ(ReadText(kPath), "{\"number\":3}\n");
 }
 
+int64_t g_now = 0;
+
+// As where the lock cannot be had at all: the work goes on without it.
+TEST(JsonUtils, AStrangersLockIsWaitedForOneMinute) {
+  WriteText(kPath, "{\"number\":1}\n");
+  const int stranger = open(kPath, O_RDWR);
+  ASSERT_EQ(flock(stranger, LOCK_EX), 0);
+  tarn::SetMonotonicClock([] { return g_now += 7'000; });
+  Json::Value value;
+  EXPECT_TRUE(ReadJsonFromFile(kPath, value));
+  EXPECT_GE(g_now, 60'000);
+  EXPECT_EQ(value, Document(1));
+  g_now = 0;
+  EXPECT_TRUE(WriteJsonToFile(kPath, Document(2)));
+  EXPECT_GE(g_now, 60'000);
+  tarn::SetMonotonicClock(nullptr);
+  EXPECT_EQ(ReadText(kPath), "{\"number\":2}\n");
+  close(stranger);
+}
+
 TEST(JsonUtils, TheLockIsReleasedAfterwards) {
   ASSERT_TRUE(WriteJsonToFile(kPath, Document(1)));
   Json::Value value;

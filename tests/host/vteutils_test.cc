@@ -149,8 +149,8 @@ TEST(ReadFile, IsEmptyForWhatCannotBeRead) {
   EXPECT_EQ(ReadFile("/tmp/fifo"), "");
 }
 
-TEST(SaveFile, ReplacesTheContent) {
-  umask(022);
+TEST(SaveFile, ReplacesTheContentForTheOwnerAlone) {
+  umask(0);
   EXPECT_TRUE(SaveFile(kPath, "a longer text"));
   EXPECT_TRUE(SaveFile(kPath, "short"));
   EXPECT_EQ(tarn::test::ReadText(kPath), "short");

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
-#include <iterator>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -28,6 +27,7 @@ using librb::Subprocess;
 using librb::SubprocessTranscode;
 using test::CapturedLog;
 using test::kStub;
+using test::OpenDescriptors;
 using test::ReadText;
 
 std::vector<int> g_ended;
@@ -56,11 +56,6 @@ bool RunTwo(std::vector<std::string> writer, std::vector<std::string> reader) {
 }
 
 bool HasNoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
-
-size_t OpenDescriptors() {
-  return static_cast<size_t>(
-      std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
 
 int64_t FrozenClock() { return 1; }
 

@@ -2,19 +2,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <iterator>
 #include <memory>
 #include <optional>
 
 #include "tarnvte/lock.h"
 #include "tarnvte/trans_loading.h"
 #include "tests/stream/stub_stream.h"
-#include "tests/support/process.h"
 
 namespace LibTarnVTE {
 namespace {
@@ -22,44 +19,21 @@ namespace {
 using LibReelbay::Lock;
 using tarn::ProcessAlive;
 using tarn::test::Eventually;
+using tarn::test::Instants;
+using tarn::test::NameOf;
+using tarn::test::OpenDescriptors;
 using tarn::test::ReadText;
+using tarn::test::SharedCounter;
+using tarn::test::SleepMicroseconds;
+using tarn::test::StreamTrace;
 using tarn::test::StubStreamTest;
 using tarn::test::WriteText;
 using testing::ElementsAre;
-
-void SleepMicroseconds(long microseconds) {
-  timespec left{microseconds / 1'000'000, microseconds % 1'000'000 * 1000};
-  while (nanosleep(&left, &left) != 0) {
-  }
-}
-
-size_t OpenDescriptors() {
-  return static_cast<size_t>(
-      std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
-
-// One that other processes see.
-std::atomic<int>* SharedCounter() {
-  void* const memory =
-      mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  EXPECT_NE(memory, MAP_FAILED);
-  return new (memory) std::atomic<int>(0);
-}
 
 class StreamProcesses : public StubStreamTest {
  protected:
   static std::string MonitorFile(const std::string& id) {
     return "/tmp/Reelbay/WEBM/" + id + "/monitor.pid";
-  }
-
-  // A process that does `work` and ends; it ends with the test, too.
-  template <typename Work>
-  static pid_t Start(Work work) {
-    return test::InChild([&] {
-      tarn::DieWithParent();
-      work();
-      return 0;
-    });
   }
 
   // A process that starts a stream and reads it until it is killed.
@@ -68,17 +42,6 @@ class StreamProcesses : public StubStreamTest {
       WebMStream stream(id);
       if (stream.Init("") && stream.Transcoding(0)) ReadToEnd(stream);
       for (;;) pause();
-    });
-  }
-
-  // Signals the next monitor that starts.
-  static void SignalNextMonitor(int signal, long after_microseconds) {
-    trace_->monitor = 0;
-    trace_->transcoder = 0;
-    Start([=] {
-      Eventually([] { return trace_->monitor != 0; });
-      SleepMicroseconds(after_microseconds);
-      kill(trace_->monitor, signal);
     });
   }
 };
@@ -154,7 +117,7 @@ TEST_F(StreamProcesses, NobodySignalsWhoTookThePidOfADeadRegistryEntry) {
   ASSERT_TRUE(stream.Transcoding(0));
   ASSERT_TRUE(Runs(stream));
   const int transcoder = trace_->transcoder;
-  kill(trace_->monitor, SIGKILL);
+  Signal(&StreamTrace::monitor, SIGKILL);
   ASSERT_TRUE(NothingRuns());
   ASSERT_NE(Registry().find("\"PID\":" + std::to_string(transcoder) + ","), std::string::npos);
 
@@ -198,21 +161,6 @@ TEST_F(StreamProcesses, NoPidInAFileMakesAnybodySignalInitItselfOrABystander) {
 
 // --- Processes that are killed.
 
-// Instants of a start, spread evenly, at which a process is signalled.
-struct Instants {
-  const char* name;
-  int signal;
-  long first_microseconds;
-  long last_microseconds;
-  int count;
-
-  long at(int i) const {
-    return first_microseconds + (last_microseconds - first_microseconds) * i / count;
-  }
-};
-
-std::string NameOf(const testing::TestParamInfo<Instants>& test) { return test.param.name; }
-
 class SignalledMonitor : public StreamProcesses, public testing::WithParamInterface<Instants> {};
 
 // The transcoder neither reads nor writes, and the caller stays: nothing but the monitor's end can
@@ -222,7 +170,7 @@ TEST_P(SignalledMonitor, LeavesNothingAtAnyInstant) {
   ASSERT_TRUE(stream.Init(""));
   int transcoders = 0;
   for (int i = 0; i < GetParam().count; ++i) {
-    SignalNextMonitor(GetParam().signal, GetParam().at(i));
+    SignalNext(&StreamTrace::monitor, GetParam().signal, GetParam().at(i));
     ASSERT_TRUE(stream.Transcoding(0));
     ASSERT_TRUE(NothingRuns()) << "instant " << i;
     if (trace_->transcoder != 0) ++transcoders;
@@ -297,7 +245,7 @@ TEST_P(StubbornTranscoder, IsReplacedByASeek) {
   ASSERT_TRUE(stream.Transcoding(5));
   EXPECT_TRUE(Runs(stream));
   EXPECT_FALSE(ProcessAlive(first));
-  kill(trace_->transcoder, SIGKILL);  // once is enough to wait for
+  Signal(&StreamTrace::transcoder, SIGKILL);  // once is enough to wait for
   EXPECT_TRUE(stream.Close());
 }
 
@@ -387,7 +335,7 @@ TEST_P(WindowOfTheStart, CloseLeavesNothing) {
 TEST_P(WindowOfTheStart, DeathLeavesNothing) {
   const std::string id = Prepare("mute");
   StartUpToTheWindow(id);
-  kill(trace_->held, SIGKILL);
+  Signal(&StreamTrace::held, SIGKILL);
   Release();
   EXPECT_TRUE(Eventually([] { return !ProcessAlive(trace_->monitor); }));
   ExpectNothingLeft();

@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -65,6 +67,12 @@ bool Eventually(Condition condition) {
     tarn::SleepMs(1);
   }
   return true;
+}
+
+// How many descriptors this process holds, one for the look itself among them.
+inline size_t OpenDescriptors() {
+  return static_cast<size_t>(
+      std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
 // Waits for a child. Its wait status, or -1 when it does not end.

@@ -1,14 +1,7 @@
 #include "tarnvte/webm_stream.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <syslog.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <climits>
 
 #include "base/fault_point.h"
 #include "base/file_io.h"
@@ -16,10 +9,8 @@
 #include "base/process.h"
 #include "base/signals.h"
 #include "base/unique_fd.h"
-#include "base/wait.h"
-#include "tarnutil/qlibc.h"
-#include "tarnvte/trans_loading.h"
 #include "tarnvte/vteutils.h"
+#include "vte/monitor.h"
 
 namespace LibTarnVTE {
 namespace {
@@ -27,29 +18,6 @@ namespace {
 // Of the monitor process.
 int gPidWEBMFFMPEG = 0;
 volatile sig_atomic_t gWEBMSignal = 0;
-
-// A 32-bit position in milliseconds reaches no further.
-constexpr int kMaxSeekSeconds = INT_MAX / 1000;
-
-constexpr int kPollMs = 2000;
-
-// A monitor that recorded itself after a later one would stop that one: the next seek, which may
-// come at once and from another process, must find it recorded. It takes a moment, and at most as
-// long as a monitor waits for the one before it.
-void WaitUntilRecorded(int recorded_end) {
-  constexpr int kTries = 6;
-  fcntl(recorded_end, F_SETFL, O_NONBLOCK);
-  tarn::ChangeWaiter waiter;
-  waiter.WatchReadable(recorded_end);
-  waiter.WaitUntil(
-      [&] {
-        char nothing;
-        return read(recorded_end, &nothing, 1) == 0;
-      },
-      kTries, 1000);
-}
-
-void RemoveFromRegistry(int pid) { LibReelbay::TransLoading().RemoveTransPIDLock(pid); }
 
 }  // namespace
 
@@ -73,43 +41,22 @@ bool WebMStream::Transcoding(int seek) {
   read_fd = -1;
   if (!SaveMonitorPid(0, true)) return false;
 
-  // The second pipe carries nothing: its end says that the monitor is recorded.
-  tarn::UniqueFd read_end, write_end, recorded_end, recording_end;
-  if (!tarn::OpenPipe(read_end, write_end) || !tarn::OpenPipe(recorded_end, recording_end)) {
-    return false;
-  }
-  const int forked = QLIBCProcForkEx(QLIBC_FORK_DETACHED);
-  if (forked < 0) return false;
-  if (forked > 0) {
-    recording_end.reset();
-    WaitUntilRecorded(recorded_end.get());
-    read_fd = read_end.release();
-    return true;
-  }
-
-  // The monitor. It keeps nothing of its caller's but the pipe, and runs none of its exit handlers.
-  closelog();
-  tarn::CloseDescriptorsExcept({write_end.get(), recording_end.get()});
-  read_end.release();
-  recorded_end.release();
+  tarn::UniqueFd read_end, write_end;
+  if (!tarn::OpenPipe(read_end, write_end)) return false;
   gPidWEBMFFMPEG = 0;
   gWEBMSignal = 0;
-  tarn::InstallHandler(SIGINT, MointerSignalHandler);
-  tarn::InstallHandler(SIGTERM, MointerSignalHandler);
-  tarn::FaultPoint("monitor started");
-  const bool recorded = SaveMonitorPid(getpid(), true);
-  recording_end.reset();
-  if (recorded) ExecuteMointer(write_end.release());
-  _exit(0);
+  const MonitorWork work{.on_signal = MointerSignalHandler,
+                         .record = [this] { return SaveMonitorPid(getpid(), true); },
+                         .run = [&] { ExecuteMointer(write_end.release()); },
+                         .kept_fd = write_end.get()};
+  if (!StartMonitor(work)) return false;
+  read_fd = read_end.release();
+  return true;
 }
 
 ssize_t WebMStream::Read(char* buffer, size_t length) {
   if (read_fd < 0) return 0;
-  ssize_t count;
-  do {
-    count = read(read_fd, buffer, length);
-  } while (count < 0 && errno == EINTR);
-  return count;
+  return tarn::ReadRetry(read_fd, buffer, length);
 }
 
 int WebMStream::GetReadFd() const { return read_fd; }
@@ -133,8 +80,6 @@ void WebMStream::ExecuteMointer(int write_fd) {
   // of the flag and the wait.
   const tarn::ScopedSignalBlock block;
   const tarn::PipeReaders readers(output.get());
-  const std::string directory = GetVTEFileFullPath("");
-  tarn::ChangeWaiter waiter;
   const auto watch = [&] {
     if (stream_id.empty() || profile_value.empty() || metadata.GetDuration() < seek_seconds) return;
     const std::vector<std::string> arguments = CalculateFFmpegArgument();
@@ -149,19 +94,9 @@ void WebMStream::ExecuteMointer(int write_fd) {
     }
     output.reset();
     tarn::FaultPoint("transcoder forked");
-    waiter.WatchProcess(gPidWEBMFFMPEG);
-    waiter.WatchDirectory(directory);
-    for (;;) {
-      int status;
-      const pid_t ended = waitpid(-1, &status, WNOHANG);
-      if (ended < 0 && errno != EINTR) return;
-      if (ended == gPidWEBMFFMPEG) break;
-      struct stat exists {};
-      // A stream that was closed before this process was recorded has no directory any more. A
-      // caller that was killed closes no stream, and a transcoder may not write for a long time.
-      if (gWEBMSignal != 0 || readers.Gone() || stat(directory.c_str(), &exists) != 0) return;
-      waiter.Wait(kPollMs);
-    }
+    // A caller that was killed closes no stream, and a transcoder may not write for a long time.
+    const auto must_stop = [&] { return gWEBMSignal != 0 || readers.Gone(); };
+    if (!WaitForChild(gPidWEBMFFMPEG, GetVTEFileFullPath(""), must_stop)) return;
     if (!is_remux) RemoveFromRegistry(gPidWEBMFFMPEG);
     gPidWEBMFFMPEG = 0;
   };
