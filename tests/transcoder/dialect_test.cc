@@ -7,11 +7,13 @@
 #include <sstream>
 
 #include "base/media_formats.h"
+#include "base/paths.h"
 #include "transcoder/ffmpeg_frontend/input_formats.h"
 
 namespace tarn::ffmpeg {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using Words = std::vector<std::string>;
@@ -161,6 +163,18 @@ TEST(Translate, SubstituteTakesTheLastBitRate) {
                           "mvrange=256", "-maxrate:v", "2", "-bufsize:v", "2", "pipe:4"));
 }
 
+TEST(Translate, SubstituteHasExactlyTheRateThatIsTheLowestToo) {
+  EXPECT_THAT(OutputPart("-vcodec h264_smd -vb 9k -minrate 9k"),
+              ElementsAre("-vcodec", "libx264", "-preset", "ultrafast", "-profile:v", "baseline",
+                          "-level:v", "41", "-x264-params", "mvrange=256:nal-hrd=cbr", "-maxrate:v",
+                          "9k", "-bufsize:v", "9k", "-vb", "9k", "-minrate", "9k", "pipe:4"));
+  EXPECT_THAT(
+      OutputPart("-vb 9k -minrate 8k -vcodec h264_smd"),
+      ElementsAre("-vb", "9k", "-minrate", "8k", "-vcodec", "libx264", "-preset", "ultrafast",
+                  "-profile:v", "baseline", "-level:v", "41", "-crf", "25", "-x264-params",
+                  "mvrange=256", "-maxrate:v", "9k", "-bufsize:v", "9k", "pipe:4"));
+}
+
 TEST(Translate, EncoderWordsElsewhereStay) {
   const Words options = {"-metadata", "h264_smd", "-metadata", "libfaac", "pipe:4"};
   EXPECT_THAT(OutputPart("-metadata h264_smd -metadata libfaac"), ElementsAreArray(options));
@@ -278,11 +292,54 @@ TEST(Translate, KindsDoNotMix) {
             "option -filled does not go with the other options of this output");
 }
 
-TEST(Translate, SegmentsAndSmoothAreNotAvailable) {
-  EXPECT_EQ(ErrorOf("ffmpeg41 -i /v/a.mkv -f segment -hls_seek_time 0 /v/slice-%05d.ts"),
-            "segmented output is not available");
-  EXPECT_EQ(ErrorOf("ffmpeg41 -i /v/a.mkv -fragment_length 5 -seek_time 0 /v/smooth"),
-            "Smooth Streaming output is not available");
+TEST(Translate, AStartAtZeroIsNoStart) {
+  for (const std::string start : {"0", "0.000", "0.0", "00.000000"}) {
+    const Translation translation =
+        Translate({"ffmpeg41", "-ss", start, "-i", "/v/a.h264", "-f", "mpegts", "pipe:4"});
+    EXPECT_THAT(translation.argv, ::testing::Not(::testing::Contains("-ss"))) << start;
+  }
+  EXPECT_THAT(Translate({"ffmpeg41", "-ss", "0.001", "-i", "/v/a", "-f", "mpegts", "pipe:4"}).argv,
+              ::testing::IsSupersetOf({"-ss", "0.001"}));
+}
+
+TEST(Translate, WhatIsCutNamesTheProgramThatCuts) {
+  EXPECT_EQ(Translate(Split("ffmpeg41 -i /v/a.mkv -f mpegts pipe:4")).cutter, "");
+  EXPECT_EQ(Translate(Split("ffmpeg41 -i /v/a.mkv -c:v libx264 -hls_seek_time 0 -segment_time 5 "
+                            "-segment_start_number 0 /v/slice-%05d.ts"))
+                .cutter,
+            "/var/packages/Orbfold/target/bin/tarn-segmenter");
+  EXPECT_EQ(Translate(Split("ffmpeg41 -i /v/a.mkv -vcodec libx264 -vb 1k -acodec aac -ab 1k "
+                            "-ar 48000 -ac 2 -fragment_length 5 -seek_time 0 /v/smooth"))
+                .cutter,
+            "/var/packages/Orbfold/target/bin/tarn-smooth");
+}
+
+TEST(Translate, ARunThatCannotBeDescribedIsAnError) {
+  EXPECT_EQ(ErrorOf("ffmpeg41 -i /v/a.mkv -seek_time 0 /v/smooth"),
+            "option -fragment_length is missing");
+  EXPECT_EQ(ErrorOf("ffmpeg41 -i /v/a.mkv -c:v libx264 -hls_seek_time 0 /v/slice-%05d.ts"),
+            "option -segment_start_number is missing");
+}
+
+constexpr char kSegmentWords[] =
+    " -map 0:0 -map 0:1 -hls_seek_time 0 -segment_time 8 -segment_start_number 0 /v/slice-%05d.ts";
+
+TEST(Translate, SegmentsGoThroughTheSegmenter) {
+  const auto translated = [](const std::string& profile) {
+    return Translate(Split("ffmpeg41 -i /v/a.mkv " + profile + kSegmentWords));
+  };
+  const Translation encoded = translated("-vcodec libx264 -acodec aac -ar 48000");
+  EXPECT_EQ(encoded.cutter, tarn::paths::kSegmenter);
+  EXPECT_FALSE(encoded.waits);
+  EXPECT_THAT(encoded.argv, Contains("-force_key_frames"));
+  const Translation copied = translated("-vcodec copy -acodec copy");
+  EXPECT_EQ(copied.cutter, tarn::paths::kSegmenter);
+  EXPECT_FALSE(copied.waits);
+  EXPECT_THAT(copied.argv, ::testing::IsEmpty());
+  const Translation sound = translated("-vcodec copy -acodec aac -ar 48000");
+  EXPECT_EQ(sound.cutter, tarn::paths::kSegmenter);
+  EXPECT_TRUE(sound.waits);
+  EXPECT_THAT(sound.argv, Contains("-filter_script:a"));
 }
 
 TEST(Parse, SegmentsOfATranscodedStream) {
@@ -294,18 +351,18 @@ TEST(Parse, SegmentsOfATranscodedStream) {
       "-break_non_keyframes 1 -max_muxing_queue_size 1024 -map 0:0 /v/slice-%05d.ts");
   EXPECT_EQ(line.kind, OutputKind::kSegments);
   EXPECT_EQ(line.segments.seek_ms, 60000u);
-  EXPECT_EQ(line.segments.time_delta_s, -0.25);
   EXPECT_EQ(line.segments.first_segment, 12u);
   EXPECT_EQ(line.segments.header_trailer, false);
   EXPECT_EQ(line.segments.break_non_keyframes, true);
+  EXPECT_EQ(line.segments.length_s, 5u);
   EXPECT_EQ(line.input, "/v/a.mkv");
   EXPECT_EQ(line.output, "/v/slice-%05d.ts");
   EXPECT_THAT(line.input_options, ElementsAre("-ss", "60.000"));
   EXPECT_THAT(
       line.output_options,
       ElementsAre("-vcodec", "libx264", "-acodec", "aac", "-f", "segment", "-segment_format",
-                  "mpegts", "-segment_list_type", "m3u8", "-segment_time", "5",
-                  "-avoid_negative_ts", "0", "-max_muxing_queue_size", "1024", "-map", "0:0"));
+                  "mpegts", "-segment_list_type", "m3u8", "-avoid_negative_ts", "0",
+                  "-max_muxing_queue_size", "1024", "-map", "0:0"));
 }
 
 TEST(Parse, SegmenterBehindAPipe) {
@@ -316,7 +373,6 @@ TEST(Parse, SegmenterBehindAPipe) {
   EXPECT_EQ(line.input, "-");
   EXPECT_EQ(line.segments.seek_ms, 15000u);
   EXPECT_EQ(line.segments.first_segment, 3u);
-  EXPECT_EQ(line.segments.time_delta_s, std::nullopt);
   EXPECT_EQ(line.segments.header_trailer, std::nullopt);
   EXPECT_EQ(line.segments.break_non_keyframes, std::nullopt);
 }

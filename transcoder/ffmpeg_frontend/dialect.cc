@@ -9,6 +9,8 @@
 #include "base/paths.h"
 #include "base/text.h"
 #include "transcoder/ffmpeg_frontend/input_formats.h"
+#include "transcoder/ffmpeg_frontend/segments.h"
+#include "transcoder/ffmpeg_frontend/smooth.h"
 
 namespace tarn::ffmpeg {
 namespace {
@@ -25,10 +27,6 @@ constexpr std::array<std::string_view, 14> kFlags = {
 
 // The option without its stream specifier: "-c" for "-c:v:0".
 std::string_view BaseName(std::string_view option) { return option.substr(0, option.find(':')); }
-
-bool IsFlag(std::string_view option) {
-  return std::find(kFlags.begin(), kFlags.end(), BaseName(option)) != kFlags.end();
-}
 
 bool IsOption(std::string_view word) { return word.size() > 1 && word.front() == '-'; }
 
@@ -50,14 +48,10 @@ bool StoreSwitch(std::string_view value, std::optional<bool>& flag) {
   return true;
 }
 
-bool StoreSeconds(std::string_view value, std::optional<double>& seconds) {
+bool IsFiniteNumber(std::string_view value) {
   double parsed;
   const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), parsed);
-  if (error != std::errc() || end != value.data() + value.size() || !std::isfinite(parsed)) {
-    return false;
-  }
-  seconds = parsed;
-  return true;
+  return error == std::errc() && end == value.data() + value.size() && std::isfinite(parsed);
 }
 
 // An output option that only the dialect knows, or that only one of its kinds may carry.
@@ -71,15 +65,13 @@ struct DialectWord {
 constexpr char kWholeNumber[] = "a whole number";
 constexpr char kZeroOrOne[] = "0 or 1";
 
-constexpr std::array<DialectWord, 9> kDialectWords = {{
+constexpr std::array<DialectWord, 10> kDialectWords = {{
     {"-webm_seek_time", OutputKind::kWebm, kWholeNumber,
      [](std::string_view v, CommandLine& line) { return ParseDecimal(v, line.webm_seek_s); }},
     {"-hls_seek_time", OutputKind::kSegments, kWholeNumber,
      [](std::string_view v, CommandLine& line) { return StoreNumber(v, line.segments.seek_ms); }},
     {"-segment_time_delta", OutputKind::kSegments, "a number of seconds",
-     [](std::string_view v, CommandLine& line) {
-       return StoreSeconds(v, line.segments.time_delta_s);
-     }},
+     [](std::string_view v, CommandLine&) { return IsFiniteNumber(v); }},
     {"-segment_start_number", OutputKind::kSegments, kWholeNumber,
      [](std::string_view v, CommandLine& line) {
        return StoreNumber(v, line.segments.first_segment);
@@ -92,6 +84,8 @@ constexpr std::array<DialectWord, 9> kDialectWords = {{
      [](std::string_view v, CommandLine& line) {
        return StoreSwitch(v, line.segments.break_non_keyframes);
      }},
+    {"-segment_time", OutputKind::kSegments, kWholeNumber,
+     [](std::string_view v, CommandLine& line) { return StoreNumber(v, line.segments.length_s); }},
     {"-fragment_length", OutputKind::kSmooth, kWholeNumber,
      [](std::string_view v, CommandLine& line) {
        return StoreNumber(v, line.smooth.fragment_length_s);
@@ -212,28 +206,46 @@ class Parser {
   size_t next_ = 1;
 };
 
-void Append(Words& to, const Words& words) { to.insert(to.end(), words.begin(), words.end()); }
-
-// The value of the last of several spellings of one option, as ffmpeg itself takes it.
-std::string LastValue(const Words& options, std::initializer_list<std::string_view> names) {
-  for (size_t i = options.size(); i-- > 1;) {
-    if (std::find(names.begin(), names.end(), options[i - 1]) != names.end()) return options[i];
-  }
-  return {};
-}
-
-// Stands in for the platform's own H.264 encoder: constant quality, quick enough for real time on a
-// small processor, kept within the asked bit rate. Profile, level and the reach of the motion
-// vectors are the platform encoder's, so that the parameter sets come out the same.
+// Stands in for the platform's own H.264 encoder: quick enough for real time on a small processor,
+// of constant quality within the asked bit rate, or of exactly that rate where it is the lowest,
+// too. Profile, level and the reach of the motion vectors are the platform encoder's, so that the
+// parameter sets come out the same.
 Words PlatformEncoderSubstitute(const Words& options) {
-  Words words = {"libx264", "-preset", "ultrafast", "-profile:v",   "baseline",   "-level:v",
-                 "41",      "-crf",    "25",        "-x264-params", "mvrange=256"};
-  const std::string bit_rate = LastValue(options, {"-vb", "-b:v"});
-  if (!bit_rate.empty()) Append(words, {"-maxrate:v", bit_rate, "-bufsize:v", bit_rate});
+  Words words = {"libx264", "-preset", "ultrafast", "-profile:v", "baseline", "-level:v", "41"};
+  const std::string* bit_rate = LastValue(options, {"-vb", "-b:v"});
+  const std::string* lowest = LastValue(options, {"-minrate", "-minrate:v"});
+  if (bit_rate && lowest && *bit_rate == *lowest) {
+    Append(words, {"-x264-params", "mvrange=256:nal-hrd=cbr"});
+  } else {
+    Append(words, {"-crf", "25", "-x264-params", "mvrange=256"});
+  }
+  if (bit_rate) Append(words, {"-maxrate:v", *bit_rate, "-bufsize:v", *bit_rate});
   return words;
 }
 
-// Output options with the encoders that stock ffmpeg lacks replaced.
+Words StockCommand(const CommandLine& line, const Words& kind_options) {
+  Words argv = CommandUpToInput(line, line.input_options);
+  Append(argv, ReplaceEncoders(line.output_options));
+  Append(argv, kind_options);
+  argv.push_back(line.output);
+  return argv;
+}
+
+}  // namespace
+
+void Append(Words& to, const Words& words) { to.insert(to.end(), words.begin(), words.end()); }
+
+bool IsFlag(std::string_view option) {
+  return std::find(kFlags.begin(), kFlags.end(), BaseName(option)) != kFlags.end();
+}
+
+const std::string* LastValue(const Words& options, std::initializer_list<std::string_view> names) {
+  for (size_t i = options.size(); i-- > 1;) {
+    if (std::find(names.begin(), names.end(), options[i - 1]) != names.end()) return &options[i];
+  }
+  return nullptr;
+}
+
 Words ReplaceEncoders(const Words& options) {
   Words replaced;
   for (size_t i = 0; i < options.size(); ++i) {
@@ -249,16 +261,9 @@ Words ReplaceEncoders(const Words& options) {
   return replaced;
 }
 
-// One file, in a format that cannot lead to another one. The options come last before the input, so
-// that nothing among the input options loosens them.
-Words InputWords(const CommandLine& line) {
-  Words words = line.input_options;
-  Append(words, {"-protocol_whitelist", "file", "-format_whitelist", kInputFormats, "-i",
-                 "file:" + line.input});
-  return words;
-}
-
-Words StockCommand(const CommandLine& line, const Words& kind_options) {
+// One file, in a format that cannot lead to another one. Those options come last before the input,
+// so that nothing among the input options loosens them.
+Words CommandUpToInput(const CommandLine& line, const Words& input_options) {
   Words argv = {paths::kDistributionFFmpeg,
                 "-nostdin",
                 "-hide_banner",
@@ -266,14 +271,22 @@ Words StockCommand(const CommandLine& line, const Words& kind_options) {
                 "error",
                 "-nostats",
                 "-y"};
-  Append(argv, InputWords(line));
-  Append(argv, ReplaceEncoders(line.output_options));
-  Append(argv, kind_options);
-  argv.push_back(line.output);
+  // With the source's own time stamps a start also says where the output's clock begins.
+  const bool keeps_clock =
+      std::find(input_options.begin(), input_options.end(), "-copyts") != input_options.end();
+  for (size_t i = 0; i < input_options.size(); ++i) {
+    // Input without time stamps has no frame at or behind any start, not even at zero.
+    const bool start = input_options[i] == "-ss" && i + 1 < input_options.size() && !keeps_clock;
+    if (start && input_options[i + 1].find_first_not_of("0.") == std::string::npos) {
+      ++i;
+    } else {
+      argv.push_back(input_options[i]);
+    }
+  }
+  Append(argv, {"-protocol_whitelist", "file", "-format_whitelist", kInputFormats, "-i",
+                "file:" + line.input});
   return argv;
 }
-
-}  // namespace
 
 bool Parse(const Words& argv, CommandLine& line, std::string& error) {
   return Parser(argv, line, error).Run();
@@ -292,10 +305,16 @@ Translation Translate(const Words& argv) {
       result.argv = StockCommand(line, {"-output_ts_offset", std::to_string(line.webm_seek_s)});
       break;
     case OutputKind::kSegments:
-      result.error = "segmented output is not available";
+      result.cutter = paths::kSegmenter;
+      result.argv = EncoderCommand(line, result.error);
+      if (result.error.empty() && result.argv.empty()) {
+        result.argv = WaitingAudioEncoderCommand(line);
+        result.waits = !result.argv.empty();
+      }
       break;
     case OutputKind::kSmooth:
-      result.error = "Smooth Streaming output is not available";
+      result.cutter = paths::kSmoothPackager;
+      result.argv = SmoothEncoderCommand(line, result.error);
       break;
   }
   return result;

@@ -8,8 +8,10 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tarn::ffmpeg {
@@ -22,14 +24,13 @@ enum class OutputKind {
   kSmooth,    // a directory of Smooth Streaming fragments
 };
 
-// The words that make an output kSegments.
+// The words that make an output kSegments. -segment_time_delta follows from them and is not kept.
 struct SegmentWords {
   std::optional<uint64_t> seek_ms;          // -hls_seek_time: where the run starts
-  std::optional<double> time_delta_s;       // -segment_time_delta: start of the run minus the start
-                                            // of its first segment
   std::optional<uint64_t> first_segment;    // -segment_start_number
   std::optional<bool> header_trailer;       // -individual_header_trailer
   std::optional<bool> break_non_keyframes;  // -break_non_keyframes
+  std::optional<uint64_t> length_s;         // -segment_time
 };
 
 // The words that make an output kSmooth.
@@ -58,10 +59,30 @@ bool Parse(const std::vector<std::string>& argv, CommandLine& line, std::string&
 struct Translation {
   std::vector<std::string> argv;  // what to execute, its first element an absolute path
   std::string input;              // the input's path as it was given
-  std::string error;              // one line; empty exactly when the translation succeeded
+  // Absolute path of the program that cuts what `argv` writes to standard output (without `argv`,
+  // the input itself); empty where `argv` makes the output.
+  std::string cutter;
+  bool waits = false;  // `argv` reads its filters from standard input, which the cutter writes
+  std::string error;   // one line; empty exactly when the translation succeeded
 };
 
 // `argv` includes the program's own name, which is not looked at.
 Translation Translate(const std::vector<std::string>& argv);
+
+// For the other translation units of this library.
+
+// The value of the last of several spellings of one option, as ffmpeg itself takes it; null when
+// there is none.
+const std::string* LastValue(const std::vector<std::string>& options,
+                             std::initializer_list<std::string_view> names);
+// The distribution's ffmpeg reading `line`'s input: everything up to the output options.
+// `input_options` stand in for those of the line.
+std::vector<std::string> CommandUpToInput(const CommandLine& line,
+                                          const std::vector<std::string>& input_options);
+// Output options with the encoders that stock ffmpeg lacks replaced.
+std::vector<std::string> ReplaceEncoders(const std::vector<std::string>& options);
+// The option takes no value.
+bool IsFlag(std::string_view option);
+void Append(std::vector<std::string>& to, const std::vector<std::string>& words);
 
 }  // namespace tarn::ffmpeg

@@ -1,16 +1,24 @@
 // The ffmpeg that the engine executes: translates the engine's command line and becomes the
-// distribution's ffmpeg. Signal handlers, mask and open descriptors stay as they came.
+// distribution's ffmpeg, or the segmenter or the Smooth packager with that ffmpeg as its child.
+// Signal handlers, mask and open descriptors stay as they came.
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "base/file_io.h"
 #include "base/log.h"
+#include "base/process.h"
+#include "base/unique_fd.h"
 #include "transcoder/ffmpeg_frontend/dialect.h"
+#include "transcoder/ffmpeg_frontend/encoder_process.h"
+#include "transcoder/ffmpeg_frontend/segments.h"
 
 namespace {
 
@@ -24,9 +32,7 @@ std::string CheckInputFile(const std::string& path) {
 }
 
 std::string Become(const std::vector<std::string>& argv) {
-  std::vector<char*> words;
-  for (const std::string& word : argv) words.push_back(const_cast<char*>(word.c_str()));
-  words.push_back(nullptr);
+  const std::vector<char*> words = tarn::ExecArguments(argv);
   unsetenv("FFREPORT");  // would make it write a report file
   execv(words[0], words.data());
   return argv[0] + ": " + std::strerror(errno);
@@ -37,14 +43,53 @@ const char* ProgramName(const char* path) {
   return slash != nullptr ? slash + 1 : path;
 }
 
+// ffmpeg would begin at any frame of the file, and lose what lies before the next keyframe. False
+// also when nothing can be read: the encoder then says why.
+bool NeedsSearch(const std::vector<std::string>& argv, const std::string& path) {
+  if (std::find(argv.begin(), argv.end(), "-ss") == argv.end()) return false;
+  const tarn::UniqueFd file(tarn::OpenRetry(path.c_str(), O_RDONLY | O_NONBLOCK));
+  char bytes[tarn::ffmpeg::kFirstBytes];
+  const ssize_t count = tarn::ReadRetry(file.get(), bytes, sizeof bytes);
+  return count > 0 && tarn::ffmpeg::NeedsKeyframeSearch({bytes, static_cast<size_t>(count)});
+}
+
+// Over exec, as the cutter's word for it.
+std::string Hand(const tarn::UniqueFd& fd) {
+  fcntl(fd.get(), F_SETFD, 0);
+  return std::to_string(fd.get());
+}
+
+// Segments and fragments are cut by programs of our own. Such a program starts while the encoder
+// does, in this process. Where a start of encoded video has to be looked for, it starts the encoder
+// itself.
+std::string BecomeCutter(const tarn::ffmpeg::Translation& translation,
+                         const std::vector<std::string>& words) {
+  std::vector<std::string> argv = {translation.cutter};
+  tarn::UniqueFd read_end, filters;
+  const bool ready = translation.waits || !NeedsSearch(translation.argv, translation.input);
+  if (!translation.argv.empty() && ready) {
+    std::string error;
+    const pid_t pid = tarn::ffmpeg::StartEncoder(translation.argv, read_end,
+                                                 translation.waits ? &filters : nullptr, error);
+    if (pid < 0) return error;
+    argv.insert(argv.end(), {"--encoder", Hand(read_end), std::to_string(pid)});
+    if (translation.waits) argv.insert(argv.end(), {"--filters", Hand(filters)});
+  }
+  argv.insert(argv.end(), words.begin(), words.end());
+  return Become(argv);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  const tarn::ffmpeg::Translation translation =
-      tarn::ffmpeg::Translate(std::vector<std::string>(argv, argv + argc));
+  const std::vector<std::string> words(argv, argv + argc);
+  const tarn::ffmpeg::Translation translation = tarn::ffmpeg::Translate(words);
   std::string error = translation.error;
-  if (error.empty()) error = CheckInputFile(translation.input);
-  if (error.empty()) error = Become(translation.argv);
+  if (error.empty() && translation.input != "-") error = CheckInputFile(translation.input);
+  if (error.empty()) {
+    error =
+        translation.cutter.empty() ? Become(translation.argv) : BecomeCutter(translation, words);
+  }
   const char* program = argc > 0 ? ProgramName(argv[0]) : "ffmpeg";
   std::fprintf(stderr, "%s: %s\n", program, error.c_str());
   TARN_LOG_ERR("%s: %s", program, error.c_str());
