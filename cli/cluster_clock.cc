@@ -9,7 +9,10 @@ namespace {
 constexpr std::string_view kClusterId = "\x1f\x43\xb6\x75";
 constexpr unsigned char kTimestampId = 0xe7;
 constexpr size_t kLongestSize = 8;
-constexpr size_t kLongestHead = kClusterId.size() + kLongestSize + 2 + 8;
+// Matroska, unlike WebM, begins a cluster with its checksum.
+constexpr std::string_view kChecksumId = "\xbf\x84";
+constexpr size_t kChecksum = kChecksumId.size() + 4;
+constexpr size_t kLongestHead = kClusterId.size() + kLongestSize + kChecksum + 2 + 8;
 
 // Length in bytes of the variable-length integer that begins with `first`; 9 for none.
 size_t VintLength(unsigned char first) { return static_cast<size_t>(std::countl_zero(first)) + 1; }
@@ -21,6 +24,7 @@ std::optional<uint64_t> ClusterTimestamp(std::string_view head) {
   const size_t size_length = VintLength(at(kClusterId.size()));
   if (size_length > kLongestSize) return std::nullopt;
   size_t pos = kClusterId.size() + size_length;
+  if (head.substr(pos).starts_with(kChecksumId)) pos += kChecksum;
   if (at(pos) != kTimestampId) return std::nullopt;
   const size_t length = at(pos + 1) & 0x7f;
   if ((at(pos + 1) & 0x80) == 0 || length < 1 || length > 8) return std::nullopt;

@@ -47,7 +47,8 @@ const WordRow* FindWord(const std::string& word) {
 const char kExitStatusHelp[] =
     "Exit status: 0 success, 1 unexpected failure, 2 wrong usage, 3 a file is missing, unreadable\n"
     "or not a video, 4 refused: not within this machine's capability, 5 refused: too much is\n"
-    "running, 6 no space, 7 the transcoder failed, 130 or 143 interrupted.";
+    "running, 6 no space, 7 the transcoder failed, 8 segments of\n"
+    "different runs differ, 130 or 143 interrupted.";
 
 Failure RefusedBy(const std::string& word, const std::string& subject) {
   if (const WordRow* row = FindWord(word)) {

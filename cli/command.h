@@ -21,6 +21,7 @@ enum class Exit {
   kBusy = 5,
   kNoSpace = 6,
   kTranscoder = 7,
+  kProof = 8,  // segments depend on the run that made them
 };
 
 extern const char kExitStatusHelp[];
@@ -52,6 +53,11 @@ struct Command {
 void AddProbe(CLI::App& app, Command& command);
 void AddPlan(CLI::App& app, Command& command);
 void AddStream(CLI::App& app, Command& command);
+void AddPlaylist(CLI::App& app, Command& command);
+void AddSegment(CLI::App& app, Command& command);
+void AddManifest(CLI::App& app, Command& command);
+void AddFragment(CLI::App& app, Command& command);
+void AddAnalyze(CLI::App& app, Command& command);
 void AddRegistry(CLI::App& app, Command& command);
 void AddDoctor(CLI::App& app, Command& command);
 

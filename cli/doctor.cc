@@ -116,6 +116,13 @@ Check CheckFrontEnd() {
                       "install the engine's ffmpeg front end (cmake --install)");
 }
 
+// The programs that the front end becomes to cut segments and fragments lie beside it.
+Check CheckCutter(const std::string& name, const std::string& program) {
+  const std::string front_end = PlatformUtils::GetInst().GetFFmpegPath();
+  return CheckProgram(name, front_end.substr(0, front_end.rfind('/') + 1) + program,
+                      "install the engine's " + program + " (cmake --install)");
+}
+
 // Standard output of a program that is given no input, at most for `seconds`; empty on any failure.
 std::string RunProgram(const char* path, std::vector<std::string> arguments, int seconds) {
   int pipe_ends[2];
@@ -297,10 +304,19 @@ Check CheckVolumes() {
 }
 
 Exit RunDoctor(bool json) {
-  const std::vector<Check> checks = {
-      CheckUser(),         CheckPlatform(),       CheckFrontEnd(),      CheckEncoders(),
-      CheckHardware(),     CheckProfiles("WEBM"), CheckProfiles("HLS"), CheckProfiles("HTTP"),
-      CheckProfiles("SS"), CheckWorkFolder(),     CheckVolumes()};
+  const std::vector<Check> checks = {CheckUser(),
+                                     CheckPlatform(),
+                                     CheckFrontEnd(),
+                                     CheckCutter("segmenter", "tarn-segmenter"),
+                                     CheckCutter("packager", "tarn-smooth"),
+                                     CheckEncoders(),
+                                     CheckHardware(),
+                                     CheckProfiles("WEBM"),
+                                     CheckProfiles("HLS"),
+                                     CheckProfiles("HTTP"),
+                                     CheckProfiles("SS"),
+                                     CheckWorkFolder(),
+                                     CheckVolumes()};
   bool failed = false;
   Json::Value list(Json::arrayValue);
   std::vector<std::vector<std::string>> rows;

@@ -32,4 +32,22 @@ void Interrupts::Check() const {
   if (g_signal != 0) throw Interrupted{g_signal};
 }
 
+Interrupts::Blocked::Blocked() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int signal : kSignals) sigaddset(&set, signal);
+  sigprocmask(SIG_BLOCK, &set, &previous_);
+}
+
+Interrupts::Blocked::~Blocked() { sigprocmask(SIG_SETMASK, &previous_, nullptr); }
+
+void Interrupts::Blocked::LeaveToDefault() const {
+  for (const int number : kSignals) {
+    struct sigaction action {};
+    sigaction(number, nullptr, &action);
+    if (action.sa_handler != SIG_IGN) signal(number, SIG_DFL);
+  }
+  sigprocmask(SIG_SETMASK, &previous_, nullptr);
+}
+
 }  // namespace tarncli

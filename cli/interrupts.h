@@ -16,6 +16,21 @@ class Interrupts {
   // Throws Interrupted once a signal has come.
   void Check() const;
 
+  // Holds the signals back for its lifetime, in which a process may be forked.
+  class Blocked {
+   public:
+    Blocked();
+    ~Blocked();
+    Blocked(const Blocked&) = delete;
+    Blocked& operator=(const Blocked&) = delete;
+
+    // In the new process: signals that are not ignored end it, from now on.
+    void LeaveToDefault() const;
+
+   private:
+    sigset_t previous_;
+  };
+
  private:
   static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
   struct sigaction previous_[3];

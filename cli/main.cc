@@ -23,6 +23,8 @@ std::string Footer() {
              "  tarnvte probe movie.mkv\n"
              "  tarnvte plan movie.mkv\n"
              "  tarnvte stream movie.mkv -o movie.webm\n"
+             "  tarnvte segment movie.mkv --fragment 3 -o slice.ts\n"
+             "  tarnvte analyze /volume1/video\n"
              "  tarnvte doctor\n"
              "\n"
              "\"tarnvte SUBCOMMAND --help\" explains each.\n"
@@ -88,6 +90,11 @@ int Main(int argc, char** argv) {
   AddProbe(app, command);
   AddPlan(app, command);
   AddStream(app, command);
+  AddPlaylist(app, command);
+  AddSegment(app, command);
+  AddManifest(app, command);
+  AddFragment(app, command);
+  AddAnalyze(app, command);
   AddRegistry(app, command);
   AddDoctor(app, command);
   try {

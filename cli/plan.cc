@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <charconv>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -13,11 +15,15 @@
 #include <vector>
 
 #include "command.h"
+#include "hls_session.h"
 #include "interrupts.h"
 #include "platform_word.h"
 #include "prepared_stream.h"
 #include "registry_view.h"
+#include "smooth_session.h"
 #include "tarnvte/argument_helper.h"
+#include "tarnvte/http_stream.h"
+#include "tarnvte/smooth_stream.h"
 #include "tarnvte/vteutils.h"
 #include "tarnvte/webm_stream.h"
 #include "text.h"
@@ -32,10 +38,15 @@ constexpr char kFooter[] =
     "Examples:\n"
     "  tarnvte plan movie.mkv\n"
     "  tarnvte plan movie.mkv --start 600 --shell > command.sh\n"
-    "  tarnvte plan movie.mkv --kind HLS --profile KEY --json\n"
+    "  tarnvte plan movie.mkv --kind HLS --fragment 120\n"
+    "  tarnvte plan movie.mkv --kind HTTP --profile KEY --json\n"
     "\n"
     "A refused plan is still printed; the exit status is the one that the stream would have.\n";
 
+// What an HLS client asks for.
+constexpr char kAudioFormat[] = "aac";
+// What a progressive stream does with audio that is AC-3 already.
+constexpr char kHttpAudioFormat[] = "ac3_copy";
 constexpr char kSandboxMarker[] = "/run/tarnvte-sandbox";
 constexpr char kProductInfo[] = "/etc.defaults/tarninfo.conf";
 
@@ -44,6 +55,7 @@ struct PlanOptions {
   std::string platform;
   std::string audio;
   unsigned start = 0;
+  int fragment = 0;
   bool json = false;
   bool shell = false;
 };
@@ -71,6 +83,34 @@ class PlannedWebM : public LibTarnVTE::WebMStream {
   PlannedWebM(const std::string& stream_id, unsigned start) : WebMStream(stream_id) {
     seek_seconds = start;
   }
+};
+
+class PlannedHttp : public LibTarnVTE::HttpStream {
+ public:
+  PlannedHttp(const std::string& stream_id, unsigned start) : HttpStream(stream_id) {
+    seek_seconds = static_cast<int>(start);
+  }
+  using HttpStream::is_gstreamer;
+  using HttpStream::is_wmv2;
+};
+
+class PlannedSmooth : public LibTarnVTE::SmoothStream {
+ public:
+  PlannedSmooth(const std::string& stream_id, unsigned start) : SmoothStream(stream_id) {
+    seek_seconds = static_cast<int>(start);
+  }
+  using SmoothStream::is_hardware;
+  using SmoothStream::metadata;
+};
+
+class PlannedHls : public LibTarnVTE::HttpLiveStream {
+ public:
+  PlannedHls(const std::string& stream_id, int fragment) : HttpLiveStream(stream_id) {
+    seek_time = CalculateSeekTime(fragment);
+  }
+  const LibTarnVTE::VTEMetaData& source() const { return metadata; }
+  using HttpLiveStream::is_gstreamer;
+  using HttpLiveStream::is_remux;
 };
 
 // Lets a sandbox play another machine. Anywhere else this would be the host's own configuration.
@@ -195,7 +235,13 @@ std::string AudioCodec(const DecidedStream& stream, const PlanOptions& options) 
     return LibTarnVTE::GetAndCheckWebmAudioCodec(options.audio, stream.metadata);
   }
   if (chosen && options.request.kind == "HLS") {
-    return LibTarnVTE::GetAndCheckHlsAudioCodec(options.audio, "aac", stream.metadata);
+    return LibTarnVTE::GetAndCheckHlsAudioCodec(options.audio, kAudioFormat, stream.metadata);
+  }
+  if (chosen && options.request.kind == "HTTP") {
+    const ArgumentHelper helper(stream.metadata);
+    for (const char* codec : {"ac3", "eac3"}) {
+      if (helper.DoesAudioCodecMatch(options.audio, codec)) return "copy";
+    }
   }
   return OptionValue(profile, {"-acodec", "--acodec", "-c:a"});
 }
@@ -222,33 +268,136 @@ Json::Value DescribeRoom(bool hardware) {
   return room;
 }
 
+// A progressive stream asks for nothing but a free place, and "tarnvte stream" for the audio track.
+bool AcceptsHttp(DecidedStream& stream, const PlanOptions& options) {
+  const ArgumentHelper helper(stream.metadata);
+  if (!options.audio.empty() && helper.GetAudioTrackInfoByID(options.audio).isNull()) {
+    stream.SetError("TransAudioNotSupported");
+    return false;
+  }
+  if (RegistryView().Kind(stream.is_hardware)["room"].asBool()) return true;
+  stream.SetError("TransEnable");
+  return false;
+}
+
 // What the stream's Init would answer. An HLS stream may also pause an offline conversion, which a
 // plan must not.
-void Ask(DecidedStream& stream, const PlanOptions& options, Json::Value& plan) {
-  plan["accepted"] = stream.InitStreamCommon(options.audio, false);
-  const std::string word = stream.GetErrorString();
-  plan["error"] = word;
-  if (plan["accepted"].asBool()) return;
-  const Failure failure = RefusedBy(word, Printable(options.request.file));
+void Refuse(const Failure& failure, Json::Value& plan) {
+  plan["accepted"] = false;
   plan["message"] = failure.message;
   plan["status"] = static_cast<int>(failure.status);
 }
 
-Json::Value Arguments(const PreparedStream& prepared, const PlanOptions& options) {
-  // The choice of a refused stream is not recorded by the engine; the command shows it all the
-  // same.
-  PlannedWebM stream(prepared.id(), options.start);
-  if (!options.audio.empty()) {
-    LibTarnVTE::SaveFile(stream.GetVTEFileFullPath("audio_id"), options.audio);
-  }
+void Ask(DecidedStream& stream, const PlanOptions& options, Json::Value& plan) {
+  plan["accepted"] = options.request.kind == "HTTP" ? AcceptsHttp(stream, options)
+                                                    : stream.InitStreamCommon(options.audio, false);
+  const std::string word = stream.GetErrorString();
+  plan["error"] = word;
+  if (plan["accepted"].asBool()) return;
+  Refuse(RefusedBy(word, Printable(options.request.file)), plan);
+}
+
+Json::Value ToArray(const std::vector<std::string>& strings) {
   Json::Value list(Json::arrayValue);
-  const std::vector<std::string> own = stream.CalculateFFmpegArgument();
-  if (own.empty()) return list;
-  for (const std::string& argument :
-       stream.CalculateFFmpegTranscodingArgument(false, own, "pipe:1")) {
-    list.append(argument);
-  }
+  for (const std::string& text : strings) list.append(text);
   return list;
+}
+
+// The choice of a refused stream is not recorded by the engine; the command shows it all the same.
+void RecordAudio(const LibTarnVTE::VTEStream& stream, const PlanOptions& options) {
+  if (options.audio.empty()) return;
+  LibTarnVTE::SaveFile(stream.GetVTEFileFullPath("audio_id"), options.audio);
+}
+
+void AddWebMArguments(const PreparedStream& prepared, const PlanOptions& options,
+                      Json::Value& plan) {
+  PlannedWebM stream(prepared.id(), options.start);
+  RecordAudio(stream, options);
+  const std::vector<std::string> own = stream.CalculateFFmpegArgument();
+  plan["arguments"] =
+      own.empty() ? Json::arrayValue
+                  : ToArray(stream.CalculateFFmpegTranscodingArgument(false, own, "pipe:1"));
+}
+
+void AddHttpArguments(const PreparedStream& prepared, const PlanOptions& options,
+                      Json::Value& plan) {
+  PlannedHttp stream(prepared.id(), options.start);
+  RecordAudio(stream, options);
+  LibTarnVTE::SaveFile(stream.GetVTEFileFullPath("audio_format"), kHttpAudioFormat);
+  const long size = stream.VTE_HTTP_PredictTransFileSize();
+  plan["predicted_size"] = size > 0 ? Json::Value(Json::Int64{size}) : Json::Value();
+  plan["arguments"] = Json::arrayValue;
+  const std::vector<std::string> own =
+      stream.is_gstreamer ? stream.CalculateGstreamerArgument() : stream.CalculateFFmpegArgument();
+  if (own.empty()) return;
+  plan["arguments"] =
+      ToArray(stream.is_gstreamer
+                  ? stream.CalculateGstreamerTranscodingArgument(own, "fd:1", true)
+                  : stream.CalculateFFmpegTranscodingArgument(!stream.is_wmv2, own, "pipe:1"));
+}
+
+// Fragments go to a folder in the current one, as the stream's own has it.
+void AddSmoothArguments(const PreparedStream& prepared, const PlanOptions& options,
+                        Json::Value& plan) {
+  const PlannedSmooth stream(prepared.id(), options.start);
+  RecordAudio(stream, options);
+  plan["arguments"] = Json::arrayValue;
+  std::string rate, width, height, sets, audio_rate, sampling_rate;
+  const bool foretold =
+      stream.is_hardware
+          ? stream.ParseHWTransParameter(rate, width, height, sets, audio_rate, sampling_rate)
+          : stream.ParseTransParameter(rate, width, height, sets, audio_rate, sampling_rate);
+  if (!foretold) {
+    plan["video"].removeMember("width");
+    plan["video"].removeMember("height");
+    if (plan["accepted"].asBool()) {
+      Refuse(NotForetold(stream.metadata, Printable(options.request.file)), plan);
+    }
+    return;
+  }
+  plan["video"]["width"] = std::stoi(width);
+  plan["video"]["height"] = std::stoi(height);
+  plan["arguments"] = ToArray(stream.CalculateFFmpegTranscodingArgument(
+      stream.is_hardware, stream.CalculateFFmpegArgument(),
+      std::filesystem::current_path() / "smooth"));
+}
+
+// Segments go to the current folder: the stream's own is gone with the plan.
+void AddHlsArguments(const PreparedStream& prepared, const PlanOptions& options,
+                     Json::Value& plan) {
+  PlannedHls stream(prepared.id(), options.fragment);
+  RecordAudio(stream, options);
+  LibTarnVTE::SaveFile(stream.GetVTEFileFullPath("audio_format"), kAudioFormat);
+  const std::string output = std::filesystem::current_path() / "slice-%05d.ts";
+  plan["fragment"] = options.fragment;
+  plan["start"] = stream.GetSeekTimeInMillisecond() / 1000.0;
+  plan["arguments"] = Json::arrayValue;
+  std::vector<std::string> own = stream.is_gstreamer
+                                     ? stream.CalculateGstreamerArgument()
+                                     : stream.CalculateFFmpegArgument(FragmentId(options.fragment));
+  if (own.empty()) return;
+  stream.ForceTranscodeBitrate(own);
+  if (!stream.is_gstreamer) {
+    plan["arguments"] = ToArray(stream.CalculateFFmpegTranscodingArgument(false, own, output));
+    return;
+  }
+  plan["arguments"] = ToArray(stream.CalculateGstreamerTranscodingArgument(own, "fd:1", false));
+  std::vector<std::string> segmenter = stream.GetSegmentArgument(options.fragment);
+  if (!segmenter.empty()) segmenter.back() = output;
+  plan["segmenter"] = ToArray(segmenter);
+}
+
+void CheckFragment(const PreparedStream& prepared, const PlanOptions& options,
+                   const std::string& file) {
+  PlannedHls stream(prepared.id(), options.fragment);
+  if (options.request.pre_analysis) CheckPreAnalysis(stream, stream.is_remux, file);
+  const int start = stream.GetSeekTimeInMillisecond();
+  const unsigned duration = KnownDuration(stream.source().GetDuration());
+  if (start >= 0 && static_cast<unsigned>(start) / 1000 < std::max(duration, 1U)) return;
+  throw Failure{
+      Exit::kUsage,
+      file + ": --fragment lies behind the end, which is at " + std::to_string(duration) + " s",
+      ""};
 }
 
 Json::Value MakePlan(const PlanOptions& options) {
@@ -256,7 +405,9 @@ Json::Value MakePlan(const PlanOptions& options) {
   const PreparedStream prepared(options.request);
   interrupts.Check();
   DecidedStream stream(prepared.id(), options.request.kind, options.start);
-  CheckSource(stream.metadata, options.start, Printable(options.request.file));
+  const std::string file = Printable(options.request.file);
+  CheckSource(stream.metadata, options.start, file);
+  if (options.request.kind == "HLS") CheckFragment(prepared, options, file);
   Json::Value plan(Json::objectValue);
   plan["path"] = prepared.path();
   plan["kind"] = options.request.kind;
@@ -268,7 +419,10 @@ Json::Value MakePlan(const PlanOptions& options) {
   // A copied video needs no room: the registry is not asked.
   if (!stream.is_remux) plan["room"] = DescribeRoom(stream.is_hardware);
   Ask(stream, options, plan);
-  if (options.request.kind == "WEBM") plan["arguments"] = Arguments(prepared, options);
+  if (options.request.kind == "WEBM") AddWebMArguments(prepared, options, plan);
+  if (options.request.kind == "HLS") AddHlsArguments(prepared, options, plan);
+  if (options.request.kind == "HTTP") AddHttpArguments(prepared, options, plan);
+  if (options.request.kind == "SS") AddSmoothArguments(prepared, options, plan);
   interrupts.Check();
   return plan;
 }
@@ -297,8 +451,9 @@ std::string BitRateText(const Json::Value& plan) {
   std::string text = FormatBitRate(wanted) + " wanted, ";
   text += justified == wanted ? "which the source justifies"
                               : FormatBitRate(justified) + " justified by the source";
-  if (plan["kind"].asString() == "WEBM" && justified != wanted) {
-    text += " (a WEBM stream takes what is wanted)";
+  const std::string kind = plan["kind"].asString();
+  if (kind != "HLS" && justified != wanted) {
+    text += " (a stream of kind " + kind + " takes what is wanted)";
   }
   return text;
 }
@@ -334,6 +489,19 @@ std::string CapabilityText(unsigned code) {
   return code < std::size(kMeanings) ? text + ", " + kMeanings[code] : text;
 }
 
+std::string Lines(const Json::Value& arguments) {
+  std::string text;
+  for (const std::string& argument : ToStrings(arguments))
+    text += "  " + Printable(argument) + "\n";
+  return text;
+}
+
+std::string ShellCommand(const Json::Value& plan) {
+  const std::string command = ShellLine(ToStrings(plan["arguments"]));
+  if (!plan.isMember("segmenter")) return command + "\n";
+  return command + " | " + ShellLine(ToStrings(plan["segmenter"])) + "\n";
+}
+
 std::string Listing(const PlanOptions& options, const Json::Value& plan) {
   const Json::Value& video = plan["video"];
   const bool hardware = video["path"].asString() == "hardware";
@@ -349,6 +517,15 @@ std::string Listing(const PlanOptions& options, const Json::Value& plan) {
   };
   if (video.isMember("bitrate_wanted")) rows.push_back({"bit rate", BitRateText(plan)});
   rows.push_back({"audio", AudioText(plan["audio"])});
+  if (plan.isMember("predicted_size")) {
+    const Json::Value& size = plan["predicted_size"];
+    rows.push_back({"size", size.isNull() ? "unknown beforehand"
+                                          : FormatBytes(size.asUInt64()) + " predicted"});
+  }
+  if (plan.isMember("fragment")) {
+    rows.push_back({"run", "from fragment " + plan["fragment"].asString() + ", at " +
+                               FormatNumber(plan["start"].asDouble()) + " s"});
+  }
   if (plan.isMember("room")) rows.push_back({"room", RoomText(plan["room"], hardware)});
   if (video.isMember("capability")) {
     rows.push_back({"capability", CapabilityText(video["capability"].asUInt())});
@@ -358,14 +535,11 @@ std::string Listing(const PlanOptions& options, const Json::Value& plan) {
                             : word.empty()            ? "refused"
                                                       : "refused: " + word});
   std::string text = Printable(options.request.file) + "\n" + FormatTable(rows, "  ") + "\n";
-  if (!plan.isMember("arguments")) {
-    return text + "Commands of kind " + plan["kind"].asString() +
-           " are not available in this version.\n";
-  }
   if (plan["arguments"].empty()) return text + "No command can be built for this file.\n";
   text += "Command, one argument a line (--shell prints it as one line):\n";
-  for (const std::string& argument : ToStrings(plan["arguments"])) {
-    text += "  " + Printable(argument) + "\n";
+  text += Lines(plan["arguments"]);
+  if (plan.isMember("segmenter")) {
+    text += "\nwhose output goes to the segmenter:\n" + Lines(plan["segmenter"]);
   }
   return text;
 }
@@ -376,7 +550,22 @@ Exit Answer(const Json::Value& plan) {
                 plan["error"].asString()};
 }
 
+// A byte stream starts at a second, a run of segments at a fragment.
+void CheckPosition(const PlanOptions& options) {
+  const bool hls = options.request.kind == "HLS";
+  if (hls && options.start > 0) {
+    throw Failure{Exit::kUsage, "--start: a run of HLS segments starts at a --fragment", ""};
+  }
+  if (!hls && options.fragment > 0) {
+    throw Failure{Exit::kUsage, "--fragment: only with --kind HLS", ""};
+  }
+  if (!hls && options.request.pre_analysis) {
+    throw Failure{Exit::kUsage, "--pre-analysis: only with --kind HLS", ""};
+  }
+}
+
 Exit RunPlan(PlanOptions options, Command& command) {
+  CheckPosition(options);
   if (!options.platform.empty()) PretendPlatform(options.platform);
   options.request = WithProfile(options.request);
   const Json::Value plan = MakePlan(options);
@@ -384,7 +573,7 @@ Exit RunPlan(PlanOptions options, Command& command) {
     if (plan["arguments"].empty()) {
       throw Failure{Exit::kUsage, "--shell: no command is available for this kind or file", ""};
     }
-    Print(ShellLine(ToStrings(plan["arguments"])) + "\n");
+    Print(ShellCommand(plan));
   } else {
     Print(options.json ? JsonLine(plan) : Listing(options, plan));
   }
@@ -405,9 +594,10 @@ void AddPlan(CLI::App& app, Command& command) {
       ->transform(CLI::IsMember({"WEBM", "HLS", "SS", "HTTP"}, CLI::ignore_case))
       ->option_text("KIND");
   sub->add_option("--profile", request.profile_key,
-                  "Transcoding profile (default for WEBM: " + DefaultProfileKey("WEBM") + ")")
+                  "Transcoding profile (default for WEBM: " + DefaultProfileKey("WEBM") +
+                      "; for HLS: copies H.264, else encodes as the platform can)")
       ->option_text("KEY");
-  sub->add_option("--profile-file", request.profile_file,
+  sub->add_option("--profile-file,--profiles", request.profile_file,
                   "File with transcoding profiles (default: the shipped file of the kind)")
       ->option_text("PATH");
   sub->add_option("--audio", options->audio,
@@ -416,6 +606,12 @@ void AddPlan(CLI::App& app, Command& command) {
   sub->add_option("--start", options->start, "Start at this second of the video")
       ->check(CLI::Range(0U, kLongestSeconds))
       ->option_text("S");
+  sub->add_option("--fragment", options->fragment,
+                  "HLS: a run that starts at this fragment, from 0")
+      ->check(CLI::Range(0, INT_MAX))
+      ->option_text("N");
+  sub->add_flag("--pre-analysis", request.pre_analysis,
+                "HLS: cut a copied video at the keyframes that \"tarnvte analyze\" found");
   sub->add_option("--device", request.device, "Name of the client device, such as chromecast")
       ->option_text("NAME");
   sub->add_option("--platform", options->platform,

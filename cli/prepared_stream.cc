@@ -4,12 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 
+#include "default_profile.h"
 #include "tarnvte/json_utils.h"
 #include "tarnvte/libtarnvte.h"
 #include "tarnvte/vteutils.h"
@@ -48,6 +50,7 @@ std::string DefaultProfileFile(const std::string& kind) {
 }
 
 std::string DefaultProfileKey(const std::string& kind) {
+  if (kind == "SS") return SmoothProfile();
   return kind == "WEBM" ? "webm_hd720_vp8_vb1500_vorbis_ab128" : "";
 }
 
@@ -75,7 +78,10 @@ StreamRequest WithProfile(StreamRequest request) {
   for (const std::string& name : profiles.getMemberNames()) {
     known += (known.empty() ? "" : ", ") + Printable(name);
   }
-  if (request.profile_key.empty()) request.profile_key = DefaultProfileKey(request.kind);
+  if (request.profile_key.empty()) {
+    request.profile_key = request.kind == "HLS" ? HlsProfileFor(ResolveVideo(request.file))
+                                                : DefaultProfileKey(request.kind);
+  }
   if (request.profile_key.empty()) {
     throw Failure{Exit::kUsage,
                   "choose a profile with --profile; " + Printable(file) + " has " + known, ""};
@@ -101,6 +107,12 @@ void CheckSource(const LibTarnVTE::VideoMetaData& source, unsigned start, const 
                 ""};
 }
 
+bool MayEndAt(uint64_t second, unsigned duration) {
+  constexpr unsigned kMissingSeconds = 15;
+  constexpr unsigned kMissingPart = 100;
+  return second + std::max(kMissingSeconds, duration / kMissingPart) >= duration;
+}
+
 PreparedStream::PreparedStream(const StreamRequest& request)
     : kind_(request.kind), path_(ResolveVideo(request.file)) {
   // The identifier is chosen here, so that a failed preparation can be removed too.
@@ -108,6 +120,7 @@ PreparedStream::PreparedStream(const StreamRequest& request)
   LibTarnVTE::VTEInitArgument argument(path_, kind_, request.profile_file, request.profile_key);
   argument.params["stream_id"] = id_;
   argument.device = request.device;
+  argument.use_pre_analysis = request.pre_analysis;
   const std::string answer = LibTarnVTE::VTEStream::VTE_Init(argument);
   if (answer == id_ && !id_.empty()) return;
   Remove();

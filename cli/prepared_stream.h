@@ -1,6 +1,7 @@
 // A video file and a transcoding profile, prepared by the engine as one stream.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "command.h"
@@ -10,7 +11,8 @@ namespace tarncli {
 
 // Where the shipped profiles lie, by kind word ("WEBM", "HLS", "HTTP", "SS").
 std::string DefaultProfileFile(const std::string& kind);
-// The profile that serves any player of that kind; empty where the user must choose.
+// The profile that serves any player of that kind; empty where the file decides ("HLS") or the user
+// must choose.
 std::string DefaultProfileKey(const std::string& kind);
 
 // The absolute path of a regular, readable file. Throws Failure, with the name as the user typed
@@ -23,6 +25,7 @@ struct StreamRequest {
   std::string profile_file;  // empty: the shipped file of that kind
   std::string profile_key;   // empty: the default of that kind
   std::string device;
+  bool pre_analysis = false;
 };
 
 // The same with the profile that the user left out. Throws Failure when it does not exist.
@@ -31,6 +34,11 @@ StreamRequest WithProfile(StreamRequest request);
 // The source has a picture, and `start` (seconds) does not lie behind its end. Throws Failure,
 // naming it `file`.
 void CheckSource(const LibTarnVTE::VideoMetaData& source, unsigned start, const std::string& file);
+
+// Whether an output that ends at this second is whole, as far as the source's duration tells: how
+// much may be missing, in seconds and as a part of the whole, because the last pieces begin a few
+// seconds before the end, containers round their durations, and a subtitle may outlast the picture.
+bool MayEndAt(uint64_t second, unsigned duration);
 
 // Prepared for the object's lifetime; whatever the engine made for the stream is removed with it,
 // whether preparation succeeded or not.

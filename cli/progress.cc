@@ -79,4 +79,19 @@ void Progress::Finish(const std::string& name, uint64_t bytes,
   enabled_ = false;
 }
 
+FileProgress::FileProgress(size_t total, bool enabled)
+    : total_(total), enabled_(enabled && total > 0 && CanDraw()) {}
+
+FileProgress::~FileProgress() { Clear(); }
+
+void FileProgress::Update(size_t done) {
+  if (!enabled_) return;
+  const double share = static_cast<double>(done) / static_cast<double>(total_);
+  std::fprintf(stderr, "\r\033[K%s  %zu of %zu files", Bar(share).c_str(), done, total_);
+}
+
+void FileProgress::Clear() {
+  if (enabled_) std::fputs("\r\033[K", stderr);
+}
+
 }  // namespace tarncli

@@ -1,13 +1,15 @@
-// One line on standard error that says how far a stream is, where that is a terminal.
+// One line on standard error that says how far the work is, where that is a terminal.
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 
 namespace tarncli {
 
+// A stream that is made.
 class Progress {
  public:
   // The output's positions run from `start` to `duration`, in seconds; 0 where that is not known.
@@ -31,6 +33,24 @@ class Progress {
   bool enabled_;
   std::chrono::steady_clock::time_point begin_;
   std::chrono::steady_clock::time_point drawn_;
+};
+
+// The same for many files.
+class FileProgress {
+ public:
+  FileProgress(size_t total, bool enabled);
+  // Clears the line.
+  ~FileProgress();
+  FileProgress(const FileProgress&) = delete;
+  FileProgress& operator=(const FileProgress&) = delete;
+
+  void Update(size_t done);
+  // Makes room for a line of output; the next update draws again.
+  void Clear();
+
+ private:
+  size_t total_;
+  bool enabled_;
 };
 
 }  // namespace tarncli

@@ -27,8 +27,16 @@ TEST(ClusterClock, TellsTheNewestClustersTime) {
   EXPECT_EQ(99997u, clock.milliseconds());
 }
 
+TEST(ClusterClock, PassesOverAChecksum) {
+  std::string text = Cluster(5000) + std::string(40, 'x');
+  text.insert(12, "\xbf\x84\x01\x02\x03\x04");
+  ClusterClock clock;
+  clock.Feed(text.data(), text.size());
+  EXPECT_EQ(5000u, clock.milliseconds());
+}
+
 TEST(ClusterClock, FindsHeadsThatAreCutAnywhere) {
-  const std::string text = Cluster(77000) + std::string(30, 'x');
+  const std::string text = Cluster(77000) + std::string(40, 'x');
   for (size_t cut = 0; cut <= text.size(); ++cut) {
     ClusterClock clock;
     clock.Feed(text.data(), cut);

@@ -33,14 +33,23 @@ TEST(Doctor, SandboxIsFit) {
   for (std::string line; std::getline(lines, line); ++count) {
     EXPECT_THAT(line, ::testing::StartsWith("ok "));
   }
-  EXPECT_EQ(11, count);
+  EXPECT_EQ(13, count);
 }
 
 TEST(Doctor, JsonHasOneObjectForEachCheck) {
   const Json::Value checks = ParseJson(Tarnvte({"doctor", "--json"}).out);
-  EXPECT_EQ(11u, checks.size());
+  EXPECT_EQ(13u, checks.size());
   EXPECT_EQ("ok", Find(checks, "encoders")["result"].asString());
   EXPECT_EQ("", Find(checks, "encoders")["remedy"].asString());
+}
+
+TEST(Doctor, ProgramBesideTheFrontEndThatIsNoneFails) {
+  ASSERT_EQ(0, mount("/dev/null", "/var/packages/Orbfold/target/bin/tarn-smooth", nullptr, MS_BIND,
+                     nullptr));
+  const Result result = Tarnvte({"doctor"});
+  EXPECT_EQ(1, result.status);
+  EXPECT_THAT(result.out,
+              ::testing::ContainsRegex("\nfail  packager .*tarn-smooth is not a program"));
 }
 
 TEST(Doctor, WorkFolderThatOthersMayWriteFailsWithARemedy) {

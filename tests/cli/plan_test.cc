@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -185,13 +186,124 @@ TEST(Plan, InterruptedLeavesNothingBehind) {
   EXPECT_THAT(WorkingDirectories(), IsEmpty());
 }
 
-TEST(Plan, OtherKindsShowDecisionsAndSayThatTheirCommandIsMissing) {
-  const Result result = Tarnvte({"plan", CopyOfClip(), "--kind", "hls", "--profile",
-                                 "hls_remux_aac_ab128", "--platform", "braswell"});
+TEST(Plan, SmoothShowsItsCommandAndTheForetoldSize) {
+  const Result result =
+      Tarnvte({"plan", CopyOfClip(), "--kind", "ss", "--profile",
+               "smoothstreaming_hd480_x264_vb1000_vf15_aac_ab96", "--start", "5", "--json"});
   EXPECT_EQ(0, result.status) << result.err;
-  EXPECT_THAT(result.out, HasSubstr("decision  copy the video with ffmpeg: the profile copies"));
-  EXPECT_THAT(result.out, HasSubstr("audio     track 1, aac, 2 channels, copied"));
-  EXPECT_THAT(result.out, HasSubstr("Commands of kind HLS are not available in this version.\n"));
+  const Json::Value plan = ParseJson(result.out);
+  EXPECT_EQ(850, plan["video"]["width"].asInt());
+  EXPECT_EQ(480, plan["video"]["height"].asInt());
+  std::string line;
+  for (const Json::Value& argument : plan["arguments"]) line += argument.asString() + " ";
+  EXPECT_THAT(line, HasSubstr(" -s 850x480 "));
+  EXPECT_THAT(line, HasSubstr(" -fragment_length 5 -seek_time 5 "));
+  EXPECT_THAT(line, ::testing::EndsWith("/smooth "));
+}
+
+// Element by element in tests/decide.
+TEST(Plan, HttpShowsItsCommandAndThePredictedSize) {
+  const std::string clip = CopyOfClip();
+  const Result result = Tarnvte({"plan", clip, "--kind", "http", "--profile",
+                                 "http_hd720_x264_vb1500_ac3_ab128", "--start", "3", "--json"});
+  EXPECT_EQ(0, result.status) << result.err;
+  const Json::Value plan = ParseJson(result.out);
+  EXPECT_EQ(2'247'680, plan["predicted_size"].asInt64());
+  EXPECT_TRUE(plan["accepted"].asBool());
+  std::string line;
+  for (const Json::Value& argument : plan["arguments"]) line += argument.asString() + " ";
+  EXPECT_THAT(line, ::testing::StartsWith("/var/packages/Orbfold/target/bin/ffmpeg41 -ss 3.000 "
+                                          "-copyts -i /volume1/clip.mkv -vcodec libx264 "));
+  EXPECT_THAT(line, HasSubstr(" -acodec ac3 "));
+  EXPECT_THAT(line, ::testing::EndsWith(" -map 0:0 -map 0:1 pipe:1 "));
+
+  const Result copied = Tarnvte({"plan", clip, "--kind", "HTTP", "--profile",
+                                 "http_remux_ac3_ab192", "--platform", "braswell"});
+  EXPECT_EQ(0, copied.status) << copied.err;
+  EXPECT_THAT(copied.out, HasSubstr("decision  copy the video with ffmpeg: the profile copies"));
+  EXPECT_THAT(copied.out, HasSubstr("audio     track 1, aac, 2 channels -> ac3"));
+  EXPECT_THAT(copied.out, HasSubstr("size      unknown beforehand"));
+  EXPECT_EQ(4, Tarnvte({"plan", clip, "--kind", "HTTP", "--profile",
+                        "http_hd720_x264_vb1500_ac3_ab128", "--audio", "9"})
+                   .status);
+}
+
+// Element by element in tests/decide and tests/hls; here: that it is the command of that run.
+TEST(Plan, HlsShowsTheCommandOfARunFromAFragment) {
+  ASSERT_EQ(0, chdir("/tmp"));
+  const Result result = Tarnvte({"plan", CopyOfClip(), "--kind", "HLS", "--fragment", "1",
+                                 "--profile", "hls_480x360_x264_vb500_aac_ab64", "--json"});
+  EXPECT_EQ(0, result.status) << result.err;
+  const Json::Value plan = ParseJson(result.out);
+  EXPECT_EQ(1, plan["fragment"].asInt());
+  EXPECT_EQ(5.0, plan["start"].asDouble());
+  std::string line;
+  for (const Json::Value& argument : plan["arguments"]) line += argument.asString() + " ";
+  EXPECT_THAT(line, ::testing::StartsWith("/var/packages/Orbfold/target/bin/ffmpeg41 -ss 5.000 -i "
+                                          "/volume1/clip.mkv -vcodec libx264 "));
+  EXPECT_THAT(line, HasSubstr(" -acodec copy "));
+  EXPECT_THAT(line, HasSubstr(" -hls_seek_time 5000 -segment_time 5 -segment_time_delta 0.000 "
+                              "-segment_start_number 00001 "));
+  EXPECT_THAT(line, ::testing::EndsWith(" -map 0:0 -map 0:1 /tmp/slice-%05d.ts "));
+  EXPECT_FALSE(plan.isMember("segmenter"));
+  EXPECT_THAT(WorkingDirectories(), IsEmpty());
+}
+
+TEST(Plan, HlsShellLineMakesSegmentsInTheCurrentFolder) {
+  std::filesystem::create_directory("/tmp/segments");
+  ASSERT_EQ(0, chdir("/tmp/segments"));
+  const Result result =
+      Tarnvte({"plan", CopyOfClip(), "--kind", "HLS", "--fragment", "1", "--shell"});
+  ASSERT_EQ(0, result.status) << result.err;
+  tarn_test::WriteFile("/tmp/command.sh", result.out);
+  ASSERT_EQ(0, std::system("sh /tmp/command.sh"));
+  EXPECT_THAT(tarn_test::List("/tmp/segments"), ::testing::ElementsAre("slice-00001.ts"));
+}
+
+TEST(Plan, HlsBehindALauncherHasASegmenter) {
+  ASSERT_EQ(0, chdir("/tmp"));
+  const std::vector<std::string> arguments = {"plan",       CopyOfClip(),
+                                              "--kind",     "HLS",
+                                              "--profile",  "hls_hd720_gst_vb1500_aac_ab128",
+                                              "--platform", "monaco",
+                                              "--fragment", "1"};
+  std::vector<std::string> json = arguments;
+  json.push_back("--json");
+  const Json::Value plan = ParseJson(Tarnvte(json).out);
+  ASSERT_FALSE(plan["segmenter"].empty());
+  std::string line;
+  for (const Json::Value& argument : plan["segmenter"]) line += argument.asString() + " ";
+  EXPECT_THAT(line, HasSubstr(" -i - -map 0 -codec copy -f segment -segment_time 5 "
+                              "-segment_start_number 1 -hls_seek_time 5000 /tmp/slice-%05d.ts "));
+  std::vector<std::string> shell = arguments;
+  shell.push_back("--shell");
+  EXPECT_THAT(Tarnvte(shell).out, HasSubstr(" -o fd:1 --aidx 0 --acodec aac | /var/"));
+  EXPECT_THAT(Tarnvte(arguments).out, HasSubstr("\nwhose output goes to the segmenter:\n  /var/"));
+}
+
+TEST(Plan, HlsFragmentBehindTheEndIsWrongUsage) {
+  const Result result = Tarnvte({"plan", CopyOfClip(), "--kind", "HLS", "--fragment", "2"});
+  EXPECT_EQ(2, result.status);
+  EXPECT_EQ("tarnvte: /volume1/clip.mkv: --fragment lies behind the end, which is at 10 s\n",
+            result.err);
+}
+
+TEST(Plan, HlsProfileFollowsTheSourceAndThePlatform) {
+  const std::string clip = CopyOfClip();
+  const auto profile = [](const std::string& file, const std::vector<std::string>& more) {
+    std::vector<std::string> arguments = {"plan", file, "--kind", "HLS", "--json"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return ParseJson(Tarnvte(arguments).out)["profile"].asString();
+  };
+  EXPECT_EQ("hls_remux_aac_ab128", profile(clip, {}));
+  const std::string mpeg4 = tarn_test::MakeLongVideo(2);
+  EXPECT_EQ("hls_hd720_x264_vb1500_aac_ab128", profile(mpeg4, {}));
+  // Players turn no copied video, and decode no 10 bits.
+  EXPECT_EQ("hls_hd720_x264_vb1500_aac_ab128", profile(TARN_TEST_MEDIA "/rotated-90.mp4", {}));
+  EXPECT_EQ("hls_hd720_h264_vaapi_vb1500_aac_ab128", profile(mpeg4, {"--platform", "apollolake"}));
+  EXPECT_EQ("hls_hd720_gst_vb1500_aac_ab128", profile(mpeg4, {"--platform", "monaco"}));
+  EXPECT_EQ("hls_hd720_h264_smd_vb1500_aac_ab128", profile(mpeg4, {"--platform", "evansport"}));
+  EXPECT_EQ("hls_remux_aac_ab128", profile(clip, {"--platform", "monaco"}));
 }
 
 TEST(Plan, RefusalOfTheHardwareIsPrintedAndIsTheStatus) {
@@ -250,20 +362,27 @@ TEST(Plan, SizeIsThatOfTheUprightPicture) {
   }
 }
 
-TEST(Plan, SizeThatOnlySmoothKnowsIsLeftOut) {
+TEST(Plan, SmoothHasSizesOfItsOwn) {
   const std::string clip = CopyOfClip();
-  for (const char* profile : {"smoothstreaming_240p_x264_vb200_vf15_aac_ab40",
-                              "smoothstreaming_320p_h264_smd_vb720_aac_ab64"}) {
-    const Json::Value video = PlannedVideo(clip, {"--kind", "SS", "--profile", profile});
-    EXPECT_FALSE(video.isMember("width")) << profile;
-    EXPECT_FALSE(video.isMember("height")) << profile;
+  for (const auto& [profile, size] :
+       {std::pair("smoothstreaming_240p_x264_vb200_vf15_aac_ab40", "430x240"),
+        {"smoothstreaming_hd480_x264_vb1000_vf15_aac_ab96", "850x480"}}) {
+    EXPECT_EQ(size, SizeOf(PlannedVideo(clip, {"--kind", "SS", "--profile", profile})));
   }
-  const Json::Value known = PlannedVideo(
-      clip, {"--kind", "SS", "--profile", "smoothstreaming_hd480_x264_vb1000_vf15_aac_ab96"});
-  EXPECT_EQ("852x478", SizeOf(known));
-  const Result listing = Tarnvte(
-      {"plan", clip, "--kind", "SS", "--profile", "smoothstreaming_240p_x264_vb200_vf15_aac_ab40"});
-  EXPECT_THAT(listing.out, HasSubstr("  video       h264 640x360, 25 fps\n"));
+}
+
+TEST(Plan, SmoothIsRefusedWhereItsOutputIsNotKnown) {
+  // Only one platform has that encoder.
+  const std::string clip = CopyOfClip();
+  const std::vector<std::string> arguments = {
+      "plan",  clip, "--kind", "SS", "--profile", "smoothstreaming_320p_h264_smd_vb720_aac_ab64",
+      "--json"};
+  const Result result = Tarnvte(arguments);
+  EXPECT_EQ(4, result.status);
+  const Json::Value plan = ParseJson(result.out);
+  EXPECT_FALSE(plan["accepted"].asBool());
+  EXPECT_FALSE(plan["video"].isMember("width"));
+  EXPECT_THAT(plan["message"].asString(), HasSubstr("no manifest can be foretold"));
 }
 
 TEST(Plan, OddBitRatesAreReadAsTheEngineReadsThem) {
@@ -317,9 +436,9 @@ TEST(Plan, WrongProfilesAreUsageErrorsThatNameTheRightOnes) {
   const Result unknown = Tarnvte({"plan", clip, "--profile", "nope"});
   EXPECT_EQ(2, unknown.status);
   EXPECT_THAT(unknown.err, HasSubstr("webm_hd720_vp8_vb1500_vorbis_ab128"));
-  const Result none = Tarnvte({"plan", clip, "--kind", "HLS"});
+  const Result none = Tarnvte({"plan", clip, "--kind", "HTTP"});
   EXPECT_EQ(2, none.status);
-  EXPECT_THAT(none.err, HasSubstr("hls_hd720_x264_vb1500_aac_ab128"));
+  EXPECT_THAT(none.err, HasSubstr("http_hd720_x264_vb1500_ac3_ab128"));
   tarn_test::WriteFile("/tmp/list.json", "[1]");
   EXPECT_EQ(3, Tarnvte({"plan", clip, "--profile-file", "/tmp/list.json"}).status);
   EXPECT_EQ(3, Tarnvte({"plan", clip, "--profile-file", "/tmp/missing.json"}).status);

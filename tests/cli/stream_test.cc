@@ -264,6 +264,141 @@ TEST(Stream, FileWithoutPictureIsStatus3) {
   ExpectNothingLeft();
 }
 
+// --- Progressive streams.
+
+constexpr char kTsProfile[] = "http_hd480_x264_vb1000_ac3_ab128";
+
+TEST(HttpStream, WholeVideoBecomesAFileNearThePredictedSize) {
+  const Result result = Tarnvte(
+      {"stream", CopyOfClip(), "--kind", "HTTP", "--profile", kTsProfile, "-o", "/volume1/out.ts"});
+  EXPECT_EQ(0, result.status) << result.err;
+  EXPECT_EQ("tarnvte: /volume1/clip.mkv: predicted size 1607680 bytes (1.5 MiB), 1.3 Mbit/s\n",
+            result.err);
+  const Json::Value probed = Ffprobe("/volume1/out.ts");
+  EXPECT_EQ("mpegts", probed["format"]["format_name"].asString());
+  EXPECT_EQ("h264", probed["streams"][0]["codec_name"].asString());
+  EXPECT_EQ("250", probed["streams"][0]["nb_read_frames"].asString());
+  EXPECT_EQ("ac3", probed["streams"][1]["codec_name"].asString());
+  EXPECT_NEAR(1'607'680.0, static_cast<double>(fs::file_size("/volume1/out.ts")), 321'000.0);
+  ExpectNothingLeft();
+}
+
+TEST(HttpStream, ByteOffsetStartsAtItsSecond) {
+  const Result result = Tarnvte(
+      {"stream", CopyOfClip(), "--kind", "http", "--profile", kTsProfile, "--offset", "1000000"});
+  EXPECT_EQ(0, result.status) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("\ntarnvte: /volume1/clip.mkv: byte 1000000 is at 0:00:06\n"));
+  tarn_test::WriteFile("/tmp/out.ts", result.out);
+  const Json::Value probed = Ffprobe("/tmp/out.ts");
+  EXPECT_EQ("100", probed["streams"][0]["nb_read_frames"].asString());
+  EXPECT_NEAR(7.4, std::stod(probed["streams"][0]["start_time"].asString()), 0.1);
+  ExpectNothingLeft();
+}
+
+TEST(HttpStream, OffsetsWithoutATimeAreUsageErrors) {
+  const std::string clip = CopyOfClip();
+  const auto with = [&](std::vector<std::string> words) {
+    words.insert(words.begin(), {"stream", clip, "-o", "/tmp/out"});
+    return Tarnvte(words);
+  };
+  const Result behind = with({"--kind", "HTTP", "--profile", kTsProfile, "--offset", "9000000"});
+  EXPECT_EQ(2, behind.status);
+  EXPECT_THAT(behind.err, HasSubstr("--offset lies behind the end: it stands for second 55 of 10"));
+  const Result no_rate =
+      with({"--kind", "HTTP", "--profile", "http_remux_ac3_ab192", "--offset", "0"});
+  EXPECT_EQ(2, no_rate.status);
+  EXPECT_THAT(no_rate.err, HasSubstr("names no rates"));
+  EXPECT_EQ(2, with({"--offset", "0"}).status);
+  EXPECT_EQ(2, with({"--kind", "HLS", "--offset", "0"}).status);
+  EXPECT_EQ(2, with({"--kind", "HTTP", "--profile", kTsProfile, "--offset", "-1"}).status);
+  EXPECT_EQ(
+      2,
+      with({"--kind", "HTTP", "--profile", kTsProfile, "--offset", "9223372036854775807"}).status);
+  EXPECT_EQ(
+      2, with({"--kind", "HTTP", "--profile", kTsProfile, "--offset", "0", "--start", "1"}).status);
+  EXPECT_EQ(2, with({"--kind", "HTTP"}).status);  // a profile must be chosen
+  EXPECT_EQ(4, with({"--kind", "HTTP", "--profile", kTsProfile, "--audio", "9"}).status);
+  ExpectNothingLeft();
+}
+
+// The engine's call returns twice then; only one of the two goes on.
+TEST(HttpStream, ProfileOfBlanksFailsOnce) {
+  tarn_test::WriteFile("/tmp/blank.json", R"({"blank": " "})");
+  const Result result = Tarnvte({"stream", CopyOfClip(), "--kind", "HTTP", "--profile", "blank",
+                                 "--profile-file", "/tmp/blank.json", "-o", "/volume1/out.ts"});
+  EXPECT_EQ(7, result.status);
+  EXPECT_EQ(
+      "tarnvte: /volume1/clip.mkv: predicted size unknown\n"
+      "tarnvte: /volume1/clip.mkv: the transcoder produced nothing; \"tarnvte plan "
+      "/volume1/clip.mkv --kind HTTP --profile blank --profile-file /tmp/blank.json\" shows its "
+      "command to try by hand\n",
+      result.err);
+  EXPECT_THAT(List("/volume1"), UnorderedElementsAre("clip.mkv"));
+  ExpectNothingLeft();
+}
+
+// Profiles in real time.
+std::string SlowHttpProfiles() {
+  tarn_test::WriteFile(
+      "/tmp/http.json",
+      R"({"ts_vb1_ab1": "-vf realtime -vcodec mpeg4 -acodec mp2 -f mpegts -flush_packets 1",
+          "asf": "-vf realtime -vcodec wmv2 -acodec wmav2 -f asf -flush_packets 1"})");
+  return "/tmp/http.json";
+}
+
+TEST(HttpStream, InterruptLeavesNothing) {
+  const std::string video = tarn_test::MakeLongVideo(60);
+  for (const auto& [signal, status] : {std::pair{SIGINT, 130}, {SIGTERM, 143}}) {
+    Running stream({"stream", video, "--kind", "HTTP", "--profile", "ts_vb1_ab1", "--profile-file",
+                    SlowHttpProfiles(), "-o", "/volume1/out.ts"});
+    ASSERT_TRUE(Eventually(TranscoderRuns));
+    stream.Signal(signal);
+    EXPECT_EQ(status, stream.Wait().status);
+    EXPECT_THAT(List("/volume1"), UnorderedElementsAre("long.mkv"));
+    EXPECT_TRUE(Eventually([] { return !TranscoderRuns(); }));
+    ExpectNothingLeft();
+  }
+}
+
+TEST(HttpStream, InterruptEndsTheWaitForAFreePlace) {
+  const std::string video = tarn_test::MakeLongVideo(60);
+  Running first({"stream", video, "--kind", "HTTP", "--profile", "ts_vb1_ab1", "--profile-file",
+                 SlowHttpProfiles(), "-o", "/volume1/first.ts"});
+  ASSERT_TRUE(Eventually(TranscoderRuns));
+  Running second({"stream", video, "--kind", "HTTP", "--profile", "ts_vb1_ab1", "--profile-file",
+                  SlowHttpProfiles(), "-o", "/volume1/second.ts"});
+  ASSERT_TRUE(Eventually([] { return WorkingDirectories().size() == 2; }));
+  second.Signal(SIGINT);
+  EXPECT_EQ(130, second.Wait().status);
+  EXPECT_EQ(1u, WorkingDirectories().size());
+  first.Signal(SIGINT);
+  EXPECT_EQ(130, first.Wait().status);
+}
+
+TEST(HttpStream, TranscoderThatIsKilledIsStatus7AndNoFile) {
+  const std::string video = tarn_test::MakeLongVideo(60);
+  for (const char* key : {"ts_vb1_ab1", "asf"}) {
+    SCOPED_TRACE(key);
+    Running stream({"stream", video, "--kind", "HTTP", "--profile", key, "--profile-file",
+                    SlowHttpProfiles(), "-o", "/volume1/out"});
+    ASSERT_TRUE(Eventually([] {
+      for (const std::string& name : List("/volume1")) {
+        if (name.find("partial") != std::string::npos &&
+            fs::file_size("/volume1/" + name) > 40'000) {
+          return true;
+        }
+      }
+      return false;
+    }));
+    for (int pid : ProcessesWith(kTranscoder)) kill(pid, SIGKILL);
+    const Result result = stream.Wait();
+    EXPECT_EQ(7, result.status);
+    EXPECT_THAT(result.err, HasSubstr("the transcoder stopped at 0:00:"));
+    EXPECT_THAT(List("/volume1"), UnorderedElementsAre("long.mkv"));
+    ExpectNothingLeft();
+  }
+}
+
 class Terminal {
  public:
   Terminal() : master_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {

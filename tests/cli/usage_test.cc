@@ -15,14 +15,16 @@ using ::testing::StartsWith;
 TEST(Usage, HelpListsSubcommandsAndExitStatuses) {
   const Result result = Tarnvte({"--help"});
   EXPECT_EQ(0, result.status);
-  for (const char* word : {"probe", "plan", "stream", "registry", "doctor", "Exit status",
-                           "7 the transcoder failed", "130 or 143 interrupted"}) {
+  for (const char* word :
+       {"probe", "plan", "stream", "playlist", "segment", "registry", "doctor", "Exit status",
+        "7 the transcoder failed", "8 segments", "130 or 143 interrupted"}) {
     EXPECT_THAT(result.out, HasSubstr(word));
   }
 }
 
 TEST(Usage, EverySubcommandExplainsItselfWithExamples) {
-  for (const char* name : {"probe", "plan", "stream", "registry", "doctor"}) {
+  for (const char* name :
+       {"probe", "plan", "stream", "playlist", "segment", "registry", "doctor"}) {
     const Result result = Tarnvte({name, "--help"});
     EXPECT_EQ(0, result.status) << name;
     EXPECT_THAT(result.out, HasSubstr(std::string("Usage: tarnvte ") + name));
@@ -45,7 +47,25 @@ TEST(Usage, WrongUsageIsStatus2AndOneLine) {
       {"probe", "a", "b"},
       {"probe", "--json", "--pretty", "a"},
       {"plan", "a", "--kind", "AVI"},
+      {"plan", "a", "--kind", "HLS", "--start", "5"},
+      {"plan", "a", "--fragment", "1"},
+      {"plan", "a", "--pre-analysis"},
+      {"stream", "a", "--kind", "SS"},
       {"stream", "a", "--kind", "HLS"},
+      {"stream", "a", "--kind", "HLS", "-o", "/tmp/out", "--start", "5"},
+      {"stream", "a", "--pre-analysis", "-o", "/tmp/out"},
+      {"playlist", "a", "--which", "index"},
+      {"playlist", "a", "--subtitle", "all", "--which", "video", "-o", "/tmp/out"},
+      {"segment", "a"},
+      {"segment", "a", "--fragment", "-1"},
+      {"segment", "a", "--fragment", "x"},
+      {"segment", "a", "--fragment", "2147483648"},
+      {"segment", "a", "--fragment", "1", "--verify"},
+      {"segment", "a", "--fragment", "1", "--json"},
+      {"segment", "a", "--fragment", "1", "--from", "1"},
+      {"segment", "a", "--verify", "-o", "/tmp/out"},
+      {"segment", "a", "--verify", "--from", "1,x"},
+      {"segment", "a", "--verify", "--from", "1", "--seed", "2"},
       {"stream", "a", "--start", "-1"},
       {"stream", "a", "--start", "soon"},
       {"registry", "--older-than", "5"},
@@ -79,11 +99,23 @@ TEST(Usage, FailuresAreAlsoJsonWhereJsonWasAskedFor) {
 TEST(Usage, EveryFileThatIsNoVideoIsStatus3) {
   tarn_test::WriteFile("/tmp/text.mkv", "not a video at all\n");
   tarn_test::WriteFile("/tmp/empty.mkv", "");
-  for (const char* command : {"probe", "plan", "stream"}) {
+  const std::vector<std::vector<std::string>> commands = {
+      {"probe"},
+      {"plan"},
+      {"plan", "--kind", "HLS"},
+      {"stream"},
+      {"stream", "--kind", "HLS", "-o", "/tmp/out"},
+      {"playlist"},
+      {"segment", "--fragment", "0"},
+      {"segment", "--verify"},
+  };
+  for (const std::vector<std::string>& command : commands) {
     for (const char* file :
          {"/tmp/text.mkv", "/tmp/empty.mkv", "/tmp", "/dev/null", "/tmp/missing.mkv"}) {
-      SCOPED_TRACE(std::string(command) + " " + file);
-      const Result result = Tarnvte({command, file});
+      SCOPED_TRACE(::testing::PrintToString(command) + " " + file);
+      std::vector<std::string> arguments = command;
+      arguments.push_back(file);
+      const Result result = Tarnvte(arguments);
       EXPECT_EQ(3, result.status);
       EXPECT_EQ("", result.out);
       EXPECT_THAT(result.err, StartsWith(std::string("tarnvte: ") + file + ": "));
