@@ -10,5 +10,11 @@ void MeasureWholeStream(Report& report);
 void MeasureProbe(Report& report);
 void MeasureRegistry(Report& report);
 void MeasureMonitor(Report& report);
+void MeasureFirstSegment(Report& report);
+void MeasureFarSeek(Report& report);
+void MeasureReadySegment(Report& report);
+void MeasureAllSegments(Report& report);
+void MeasurePlaylists(Report& report);
+void MeasureAnalysis(Report& report);
 
 }  // namespace tarnbench

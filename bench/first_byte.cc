@@ -1,32 +1,22 @@
 // How long a viewer waits for the first byte, against ffmpeg alone.
-#include <json/value.h>
-
 #include <string>
 
+#include "bench/engine.h"
 #include "bench/figures.h"
+#include "bench/http_run.h"
 #include "bench/webm_run.h"
-#include "tarnvte/video_metadata.h"
 
 namespace tarnbench {
 namespace {
 
 constexpr int kRounds = 21;
 constexpr double kBudget = 0.060;
-constexpr char kFrontEnd[] = TARN_BENCH_BUILD "/transcoder/tarn-ffmpeg";
 
 double FirstByteOf(const Words& argv) {
   const double begun = Now();
   PipedProgram program(argv);
   program.ReadFirstByte();
-  return Now() - begun;
-}
-
-double ProbeOnce(const std::string& file) {
-  LibTarnVTE::VideoMetaData metadata;
-  Json::Value document;
-  const double begun = Now();
-  if (!metadata.ReadMetaDataFromFFMPEG(file, document)) Fail(file + ": cannot be probed");
-  return Now() - begun;
+  return Now() - begun;  // without its end
 }
 
 struct StepSamples {
@@ -54,7 +44,7 @@ void MeasureRequest(Report& report, const std::string& figure, const WebmRequest
       },
       bare,
       [&] { return FirstByteOf(commands.engine); },
-      [&] { return ProbeOnce(request.file); },
+      [&] { return SecondsToProbe(request.file); },
   };
   WarmUp(candidates);
   steps = {};
@@ -76,6 +66,18 @@ void MeasureRequest(Report& report, const std::string& figure, const WebmRequest
   note("  monitor and fork, over both    ", Difference(steps.wait, front_end));
 }
 
+void MeasureProgressive(Report& report, const std::string& figure, const std::string& key,
+                        int seek) {
+  constexpr char kFile[] = TARN_BENCH_MEDIA "/film.mkv";
+  const Words command = BareHttpCommand(kFile, key, seek);
+  const Candidate bare = [&] { return FirstByteOf(command); };
+  const std::vector<Candidate> candidates = {
+      bare, [&] { return SecondsToFirstHttpByte(kFile, key, seek); }, bare};
+  WarmUp(candidates);
+  const std::vector<Samples> taken = Alternate(kRounds, candidates);
+  report.AddDifference(figure, taken[1], taken[0], taken[2], kMilliseconds, kBudget);
+}
+
 }  // namespace
 
 void MeasureFirstByte(Report& report) {
@@ -86,6 +88,14 @@ void MeasureFirstByte(Report& report) {
                  {TARN_BENCH_MEDIA "/film.mkv", kProfile, 0});
   MeasureRequest(report, "first byte, 720p film from 590 s",
                  {TARN_BENCH_MEDIA "/film.mkv", kProfile, 590});
+  MeasureProgressive(report, "first byte, progressive MPEG-TS from 0 s",
+                     "http_hd480_x264_vb1000_ac3_ab128", 0);
+  MeasureProgressive(report, "first byte, progressive MPEG-TS from 590 s",
+                     "http_hd480_x264_vb1000_ac3_ab128", 590);
+  MeasureProgressive(report, "first byte, progressive ASF from 0 s",
+                     "http_hd480_wmv2_vb2000_wmav2_ab128", 0);
+  MeasureProgressive(report, "first byte, progressive Matroska from 0 s",
+                     "http_hd480_x264_vb1000_aac_ab96", 0);
 }
 
 }  // namespace tarnbench

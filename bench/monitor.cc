@@ -68,7 +68,7 @@ void MeasureMonitor(Report& report) {
 
   Samples memory;
   Samples wakes;
-  for (int window = 0; window < kWindows; ++window) {
+  for (int window = 0; window < Rounds(kWindows); ++window) {
     const double begun = Now();
     const double before = WakeUps(monitor);
     Play(run.stream(), kWindowMs);

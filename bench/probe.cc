@@ -1,11 +1,9 @@
 // How long it takes to learn what a file is, against ffprobe.
-#include <json/value.h>
-
 #include <string>
 
+#include "bench/engine.h"
 #include "bench/figures.h"
-#include "bench/piped_program.h"
-#include "tarnvte/video_metadata.h"
+#include "bench/program.h"
 
 namespace tarnbench {
 namespace {
@@ -13,26 +11,12 @@ namespace {
 constexpr int kRounds = 21;
 constexpr double kBudget = 0.10;
 
-double SecondsOf(const Words& argv) {
-  const double begun = Now();
-  RunSilently(argv);
-  return Now() - begun;
-}
-
-double ProbeInProcess(const std::string& file) {
-  LibTarnVTE::VideoMetaData metadata;
-  Json::Value document;
-  const double begun = Now();
-  if (!metadata.ReadMetaDataFromFFMPEG(file, document)) Fail(file + ": cannot be probed");
-  return Now() - begun;
-}
-
 void MeasureFile(Report& report, const std::string& figure, const std::string& file) {
   const Words ffprobe = {"/usr/bin/ffprobe", "-v", "error", "-show_format", "-show_streams", file};
   const Words tarnvte = {TARN_BENCH_BUILD "/cli/tarnvte", "probe", file, "--json"};
-  const Candidate bare = [&] { return SecondsOf(ffprobe); };
-  const std::vector<Candidate> candidates = {bare, [&] { return ProbeInProcess(file); }, bare,
-                                             [&] { return SecondsOf(tarnvte); }};
+  const Candidate bare = [&] { return SecondsToRun(ffprobe); };
+  const std::vector<Candidate> candidates = {bare, [&] { return SecondsToProbe(file); }, bare,
+                                             [&] { return SecondsToRun(tarnvte); }};
   WarmUp(candidates);
   const std::vector<Samples> taken = Alternate(kRounds, candidates);
   report.AddExcess(figure + ", in process", taken[1], taken[0], taken[2], kMilliseconds, kBudget);

@@ -11,7 +11,7 @@
 #include "base/paths.h"
 #include "base/process.h"
 #include "bench/figures.h"
-#include "bench/piped_program.h"
+#include "bench/program.h"
 #include "tarnvte/trans_loading.h"
 
 namespace tarnbench {

@@ -16,6 +16,8 @@ Samples Paired(const Samples& a, const Samples& b, Operation operation) {
   return result;
 }
 
+bool one_round_only = false;
+
 }  // namespace
 
 double Samples::Min() const { return *std::min_element(values_.begin(), values_.end()); }
@@ -41,10 +43,14 @@ double Now() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
+void TakeOneRoundOnly() { one_round_only = true; }
+
+int Rounds(int full) { return one_round_only ? 1 : full; }
+
 std::vector<Samples> Alternate(int rounds, const std::vector<Candidate>& candidates) {
   const size_t count = candidates.size();
   std::vector<Samples> samples(count);
-  for (int round = 0; round < rounds; ++round) {
+  for (int round = 0; round < Rounds(rounds); ++round) {
     const bool backwards = round % 2 == 1;
     for (size_t turn = 0; turn < count; ++turn) {
       const size_t shifted = (turn + static_cast<size_t>(round) / 2) % count;
@@ -55,6 +61,8 @@ std::vector<Samples> Alternate(int rounds, const std::vector<Candidate>& candida
   return samples;
 }
 
-void WarmUp(const std::vector<Candidate>& candidates) { Alternate(1, candidates); }
+void WarmUp(const std::vector<Candidate>& candidates) {
+  if (!one_round_only) Alternate(1, candidates);
+}
 
 }  // namespace tarnbench

@@ -2,17 +2,14 @@
 
 #include <vector>
 
+#include "bench/engine.h"
 #include "bench/samples.h"
 #include "transcoder/ffmpeg_frontend/dialect.h"
 
 namespace tarnbench {
 namespace {
 
-using LibTarnVTE::VTEInitArgument;
-using LibTarnVTE::VTEStream;
 using LibTarnVTE::WebMStream;
-
-constexpr char kProfiles[] = "/var/packages/Reelbay/target/share/profiles/webm.json";
 
 // A stream that is at a position without having been started there.
 class StreamAt : public WebMStream {
@@ -22,14 +19,11 @@ class StreamAt : public WebMStream {
   }
 };
 
-}  // namespace
-
 std::string Prepare(const WebmRequest& request) {
-  const std::string id =
-      VTEStream::VTE_Init(VTEInitArgument(request.file, "WEBM", kProfiles, request.profile_key));
-  if (id.empty() || id == "TransSapceNotEnough") Fail(request.file + ": cannot be prepared");
-  return id;
+  return PrepareStream("WEBM", request.file, request.profile_key);
 }
+
+}  // namespace
 
 WebmCommands CommandsOf(const WebmRequest& request) {
   StreamAt stream(Prepare(request), request.seek);

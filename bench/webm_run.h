@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "bench/piped_program.h"
+#include "bench/program.h"
 #include "tarnvte/webm_stream.h"
 
 namespace tarnbench {
@@ -14,9 +14,6 @@ struct WebmRequest {
   std::string profile_key;
   int seek = 0;  // seconds
 };
-
-// Prepares a stream and returns its identifier.
-std::string Prepare(const WebmRequest& request);
 
 // The command lines of a request, the output in their last word: what the engine executes, and the
 // distribution's ffmpeg that this becomes.

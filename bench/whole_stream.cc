@@ -1,5 +1,4 @@
 // What a stream costs from its preparation to its end, against ffmpeg alone.
-#include <cmath>
 #include <string>
 
 #include "bench/figures.h"
@@ -18,13 +17,6 @@ constexpr int kLastSecond = 59;
 struct Result {
   Samples engine, bare, control;
 };
-
-// The same stream: the encoder's threads make its rate control differ by some bytes.
-bool NearlyEqual(size_t a, size_t b) {
-  constexpr double kShare = 0.02;
-  return std::abs(static_cast<double>(a) - static_cast<double>(b)) <=
-         kShare * static_cast<double>(b);
-}
 
 Result MeasureRequest(const WebmRequest& request, int rounds) {
   const WebmCommands commands = CommandsOf(request);
@@ -45,10 +37,7 @@ Result MeasureRequest(const WebmRequest& request, int rounds) {
     return ProcessorSeconds() - before;
   };
   const std::vector<Samples> taken = Alternate(rounds, {bare, engine, bare});
-  if (!NearlyEqual(engine_bytes, bare_bytes)) {
-    Fail("the engine delivered " + std::to_string(engine_bytes) + " bytes, bare ffmpeg " +
-         std::to_string(bare_bytes));
-  }
+  ExpectSameAmount(engine_bytes, bare_bytes);
   return {taken[1], taken[0], taken[2]};
 }
 

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,14 +16,29 @@ using Words = std::vector<std::string>;
 // A failure to measure, told to the user as it is.
 [[noreturn]] void Fail(const std::string& what);
 
+// A program with null standard streams. Killed and reaped at the end.
+class Program {
+ public:
+  // `keep` is the one descriptor above 2 that it gets (-1: none).
+  explicit Program(Words argv, int keep = -1);
+  ~Program();
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+
+  pid_t pid() const { return pid_; }
+  // Waits until it ends, which has to be in success.
+  void Wait();
+
+ private:
+  std::string name_;
+  pid_t pid_;
+};
+
 // A program that writes to a pipe, started from an argument vector whose last word, the output, is
 // replaced by that pipe's "pipe:N". Killed and reaped at the end.
 class PipedProgram {
  public:
   explicit PipedProgram(Words argv);
-  ~PipedProgram();
-  PipedProgram(const PipedProgram&) = delete;
-  PipedProgram& operator=(const PipedProgram&) = delete;
 
   // Waits for the first byte.
   void ReadFirstByte();
@@ -30,12 +46,12 @@ class PipedProgram {
   size_t ReadToEnd();
 
  private:
-  pid_t pid_;
   tarn::UniqueFd output_;
+  std::optional<Program> program_;
 };
 
-// Runs a program with null standard streams and waits for it to succeed.
-void RunSilently(const Words& argv);
+// How long a program takes that has to succeed.
+double SecondsToRun(const Words& argv);
 
 // Makes this process the parent of what its descendants leave behind, so that ReapChildren and
 // ProcessorSeconds miss nothing.
@@ -46,5 +62,9 @@ void ReapChildren();
 
 // User and system time of this process and of all descendants that were reaped.
 double ProcessorSeconds();
+
+// The same stream: an encoder's threads make its rate control differ by some bytes. Fails
+// otherwise.
+void ExpectSameAmount(size_t engine_bytes, size_t bare_bytes);
 
 }  // namespace tarnbench

@@ -1,4 +1,4 @@
-#include "bench/piped_program.h"
+#include "bench/program.h"
 
 #include <signal.h>
 #include <sys/prctl.h>
@@ -7,10 +7,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <stdexcept>
+#include <utility>
 
 #include "base/file_io.h"
 #include "base/process.h"
+#include "bench/samples.h"
 
 namespace tarnbench {
 namespace {
@@ -57,18 +60,27 @@ double ProcessorSecondsOf(int who) {
 
 void Fail(const std::string& what) { throw std::runtime_error(what); }
 
-PipedProgram::PipedProgram(Words argv) {
-  tarn::UniqueFd write_end;
-  if (!tarn::OpenPipe(output_, write_end)) Fail("cannot create a pipe");
-  argv.back() = "pipe:" + std::to_string(write_end.get());
-  pid_ = Start(argv, write_end.get());
-}
+Program::Program(Words argv, int keep) : name_(argv.front()), pid_(Start(argv, keep)) {}
 
-PipedProgram::~PipedProgram() {
+Program::~Program() {
   if (pid_ < 0) return;
   kill(pid_, SIGKILL);
   int status;
   tarn::WaitChild(pid_, status);
+}
+
+void Program::Wait() {
+  int status;
+  tarn::WaitChild(pid_, status);
+  pid_ = -1;
+  if (status != 0) Fail(name_ + " failed");
+}
+
+PipedProgram::PipedProgram(Words argv) {
+  tarn::UniqueFd write_end;
+  if (!tarn::OpenPipe(output_, write_end)) Fail("cannot create a pipe");
+  argv.back() = "pipe:" + std::to_string(write_end.get());
+  program_.emplace(std::move(argv), write_end.get());
 }
 
 void PipedProgram::ReadFirstByte() {
@@ -83,18 +95,13 @@ size_t PipedProgram::ReadToEnd() {
   while ((count = ReadSome(output_.get(), buffer.data(), buffer.size())) > 0) {
     total += static_cast<size_t>(count);
   }
-  int status;
-  tarn::WaitChild(pid_, status);
-  pid_ = -1;
-  if (count < 0 || status != 0) Fail("the bare command failed");
+  if (count < 0) Fail("the bare command's output cannot be read");
+  program_->Wait();
   return total;
 }
 
-void RunSilently(const Words& argv) {
-  Words words = argv;
-  int status;
-  tarn::WaitChild(Start(words, -1), status);
-  if (status != 0) Fail(argv[0] + " failed");
+double SecondsToRun(const Words& argv) {
+  return SecondsOf([&] { Program(argv).Wait(); });
 }
 
 void AdoptOrphans() {
@@ -108,6 +115,15 @@ void ReapChildren() {
 
 double ProcessorSeconds() {
   return ProcessorSecondsOf(RUSAGE_SELF) + ProcessorSecondsOf(RUSAGE_CHILDREN);
+}
+
+void ExpectSameAmount(size_t engine_bytes, size_t bare_bytes) {
+  constexpr double kShare = 0.02;
+  const auto engine = static_cast<double>(engine_bytes);
+  const auto bare = static_cast<double>(bare_bytes);
+  if (bare_bytes > 0 && std::abs(engine - bare) <= kShare * bare) return;
+  Fail("the engine delivered " + std::to_string(engine_bytes) + " bytes, the bare command " +
+       std::to_string(bare_bytes));
 }
 
 }  // namespace tarnbench

@@ -1,0 +1,41 @@
+#include "bench/engine.h"
+
+#include <json/value.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "bench/program.h"
+#include "bench/samples.h"
+#include "tarnvte/libtarnvte.h"
+#include "tarnvte/video_metadata.h"
+
+namespace tarnbench {
+namespace {
+
+std::string ProfileFile(std::string kind) {
+  std::transform(kind.begin(), kind.end(), kind.begin(),
+                 [](unsigned char letter) { return std::tolower(letter); });
+  return "/var/packages/Reelbay/target/share/profiles/" + kind + ".json";
+}
+
+}  // namespace
+
+std::string PrepareStream(const std::string& kind, const std::string& file,
+                          const std::string& profile_key, bool planned) {
+  LibTarnVTE::VTEInitArgument argument(file, kind, ProfileFile(kind), profile_key);
+  argument.use_pre_analysis = planned;
+  const std::string id = LibTarnVTE::VTEStream::VTE_Init(argument);
+  if (id.empty() || id == "TransSapceNotEnough") Fail(file + ": cannot be prepared");
+  return id;
+}
+
+double SecondsToProbe(const std::string& file) {
+  LibTarnVTE::VideoMetaData metadata;
+  Json::Value document;
+  return SecondsOf([&] {
+    if (!metadata.ReadMetaDataFromFFMPEG(file, document)) Fail(file + ": cannot be probed");
+  });
+}
+
+}  // namespace tarnbench

@@ -1,0 +1,154 @@
+#include "bench/hls_run.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+
+#include "base/wait.h"
+#include "bench/engine.h"
+#include "bench/samples.h"
+#include "transcoder/ffmpeg_frontend/dialect.h"
+
+namespace tarnbench {
+namespace {
+
+using LibTarnVTE::HttpLiveStream;
+
+constexpr char kBareFolder[] = "/volume1/bare";
+constexpr char kSegmentPattern[] = "/volume1/bare/slice-%05d.ts";
+
+// A stream that is at a fragment without having been started there.
+class StreamAt : public HttpLiveStream {
+ public:
+  StreamAt(const std::string& id, int fragment) : HttpLiveStream(id), fragment_(fragment) {
+    seek_time = CalculateSeekTime(fragment);
+  }
+
+  Words Command() {
+    Words options = CalculateFFmpegArgument(FragmentId(fragment_));
+    ForceTranscodeBitrate(options);
+    return CalculateFFmpegTranscodingArgument(false, options, kSegmentPattern);
+  }
+
+ private:
+  int fragment_;
+};
+
+// What stock ffmpeg has of the words for segments.
+Words SegmentOptions(const tarn::ffmpeg::SegmentWords& words) {
+  Words options;
+  const auto append = [&options](const std::string& name, const auto& value) {
+    if (value) options.insert(options.end(), {name, std::to_string(*value)});
+  };
+  append("-segment_time", words.length_s);
+  append("-segment_start_number", words.first_segment);
+  append("-individual_header_trailer", words.header_trailer);
+  append("-break_non_keyframes", words.break_non_keyframes);
+  if (words.seek_ms) {
+    options.insert(options.end(),
+                   {"-initial_offset", std::to_string(static_cast<double>(*words.seek_ms) / 1000)});
+  }
+  return options;
+}
+
+Words BareCommand(const Words& engine) {
+  tarn::ffmpeg::CommandLine line;
+  std::string error;
+  if (!tarn::ffmpeg::Parse(engine, line, error)) Fail(error);
+  Words argv = CommandUpToInput(line, line.input_options);
+  const auto append = [&argv](const Words& words) {
+    argv.insert(argv.end(), words.begin(), words.end());
+  };
+  append(tarn::ffmpeg::ReplaceEncoders(line.output_options));
+  append(SegmentOptions(line.segments));
+  append({"-segment_time_delta", *tarn::ffmpeg::LastValue(engine, {"-segment_time_delta"})});
+  argv.push_back(line.output);
+  return argv;
+}
+
+std::string BareSegment(int fragment) {
+  char path[64];
+  std::snprintf(path, sizeof path, kSegmentPattern, fragment);
+  return path;
+}
+
+}  // namespace
+
+Json::Value WebRequest() {
+  Json::Value request(Json::objectValue);
+  request["url"] = "http://host/stream";
+  request["format"] = "hls";
+  return request;
+}
+
+std::string FragmentId(int fragment) { return std::to_string(fragment); }
+
+HlsCommands CommandsOf(const HlsRequest& request, int first) {
+  HlsRun run(request);
+  StreamAt stream(run.stream().GetStreamID(), first);
+  HlsCommands commands;
+  commands.engine = stream.Command();
+  commands.bare = BareCommand(commands.engine);
+  commands.engine[0] = kFrontEnd;
+  return commands;
+}
+
+BareFolder::BareFolder() {
+  std::filesystem::remove_all(kBareFolder);
+  std::filesystem::create_directory(kBareFolder);
+}
+
+BareFolder::~BareFolder() { std::filesystem::remove_all(kBareFolder); }
+
+double SecondsToSegment(const Words& argv, int first) {
+  constexpr int kTries = 60;
+  const BareFolder folder;
+  tarn::ChangeWaiter waiter;
+  waiter.WatchDirectory(kBareFolder);
+  const std::string next = BareSegment(first + 1);
+  double taken = 0;
+  {
+    const double begun = Now();
+    const Program program(argv);
+    const auto whole = [&next] { return access(next.c_str(), F_OK) == 0; };
+    if (!waiter.WaitUntil(whole, kTries, 1000)) Fail(argv[0] + " made no segment");
+    taken = Now() - begun;
+  }
+  ReapChildren();
+  return taken;
+}
+
+size_t SegmentBytes(const std::string& folder) {
+  size_t bytes = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    if (entry.path().extension() == ".ts") bytes += entry.file_size();
+  }
+  return bytes;
+}
+
+size_t BareSegmentBytes() { return SegmentBytes(kBareFolder); }
+
+HlsRun::HlsRun(const HlsRequest& request)
+    : stream_(std::make_unique<HttpLiveStream>(
+          PrepareStream("HLS", request.file, request.profile_key, request.planned))) {
+  if (stream_->Init(WebRequest(), Json::Value(Json::objectValue), "", "aac")) return;
+  Fail(request.file + ": Init refused: " + stream_->GetErrorString());
+}
+
+HlsRun::~HlsRun() {
+  stream_->Close();
+  ReapChildren();
+}
+
+void HlsRun::FetchFrom(HttpLiveStream& stream, int fragment) {
+  const std::string id = FragmentId(fragment);
+  if (!stream.Transcoding(id)) Fail("Transcoding failed");
+  if (stream.ReadFragment(id).empty()) Fail("segment " + id + " did not come");
+}
+
+void HlsRun::Start(int fragment) {
+  if (!stream_->Transcoding(FragmentId(fragment))) Fail("Transcoding failed");
+}
+
+}  // namespace tarnbench
