@@ -8,6 +8,8 @@ if(TARNVTE_SANITIZE)
   # float-cast-overflow is not part of "undefined", and sizes and bit rates are where it bites.
   add_compile_options(-fsanitize=address,undefined,float-cast-overflow -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
+  # With the sanitizers in, this compiler takes the standard library's own code for uninitialized.
+  add_compile_options(-Wno-maybe-uninitialized)
   add_link_options(-fsanitize=address,undefined,float-cast-overflow)
 endif()
 if(TARNVTE_FUZZ)
@@ -48,4 +50,24 @@ function(tarn_test name)
     CROSSCOMPILING_EMULATOR ${CMAKE_BINARY_DIR}/sandbox)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_PREFIX "${name}."
                        PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
+endfunction()
+
+# tarn_npm_folder(NAME VARIABLE file ...): the folder of a Node.js program of the tests in the build
+# tree, with the packages that its package-lock.json names. VARIABLE gets its path; the target NAME
+# installs it.
+function(tarn_npm_folder name variable)
+  find_program(NPM npm REQUIRED)
+  set(folder ${CMAKE_CURRENT_BINARY_DIR}/${name})
+  foreach(file package.json package-lock.json ${ARGN})
+    configure_file(${file} ${folder}/${file} COPYONLY)
+  endforeach()
+  add_custom_command(OUTPUT ${folder}/installed
+    COMMAND ${NPM} ci --ignore-scripts --no-audit --no-fund
+    COMMAND ${CMAKE_COMMAND} -E touch ${folder}/installed
+    DEPENDS package.json package-lock.json
+    WORKING_DIRECTORY ${folder}
+    COMMENT "Installing the packages of ${name}"
+    VERBATIM)
+  add_custom_target(${name} DEPENDS ${folder}/installed)
+  set(${variable} ${folder} PARENT_SCOPE)
 endfunction()

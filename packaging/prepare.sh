@@ -12,13 +12,15 @@ quietly() {
   }
 }
 
+# Installed packages, and what they stand in for: a nodejs from elsewhere brings npm along.
+installed_packages() {
+  dpkg-query -W -f '${db:Status-Status},${Package},${Provides}\n' |
+    sed -n -e 's/([^)]*)//g' -e 's/^installed,//p' | tr -d ' ' | tr ',' '\n'
+}
+
 install_packages() {
-  local missing=()
-  local package
-  for package in $(cat packaging/debian-packages.txt); do
-    [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) == installed ]] ||
-      missing+=("$package")
-  done
+  local missing
+  mapfile -t missing < <(grep -v -x -F -f <(installed_packages) packaging/debian-packages.txt)
   ((${#missing[@]})) || return 0
   if ((EUID != 0)); then
     echo "These packages are missing; install them first:" >&2

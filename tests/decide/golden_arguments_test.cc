@@ -5,10 +5,9 @@
 //   mkdir -p tests/decide/golden && TARNVTE_UPDATE_GOLDEN=1 build/dev/sandbox
 //     --rw $PWD/tests/decide/golden build/dev/tests/bin/golden_arguments_test
 //
-// A WebM stream makes its options by itself. The other kinds have no sessions yet: their profiles
-// go through those of the base class's adjustments that the kind will use, in its order, without
-// the options that the session will add (segment muxer, fragment length) and, for Smooth, without
-// its own picture sizes.
+// WebM, HLS and progressive streams make their options by themselves. Smooth has no sessions yet:
+// its profiles go through those of the base class's adjustments that the kind will use, without the
+// options that the session will add (fragment length) and without its own picture sizes.
 #include <gtest/gtest.h>
 #include <json/reader.h>
 
@@ -21,6 +20,9 @@
 #include <utility>
 #include <vector>
 
+#include "tarnvte/http_live_stream.h"
+#include "tarnvte/http_stream.h"
+#include "tarnvte/smooth_stream.h"
 #include "tarnvte/vteutils.h"
 #include "tarnvte/webm_stream.h"
 #include "tests/decide/stream_fixture.h"
@@ -32,7 +34,6 @@ using tarn::test::OnPlatform;
 using tarn::test::PrepareStream;
 using tarn::test::ReadText;
 using tarn::test::StreamFile;
-using tarn::test::TestStream;
 using tarn::test::Video;
 using tarn::test::WriteText;
 
@@ -107,35 +108,64 @@ Arguments WebMCommand(const Source& source) {
                                                    "pipe:1");
 }
 
-Arguments HlsOptions(const TestStream& stream, const Source& source, Arguments options) {
-  const std::string codec =
-      LibTarnVTE::GetAndCheckHlsAudioCodec(source.audio_id, source.audio_format, stream.metadata);
-  options = stream.ForceFFmpegAudioFormat(options, codec);
-  return stream.ForceFFmpegVideoSize(options, false);
-}
+class Hls : public LibTarnVTE::HttpLiveStream {
+ public:
+  Hls() : HttpLiveStream(kId) {}
+  using HttpLiveStream::GetSegmentPattern;
+  using HttpLiveStream::seek_time;
+  using VTEStream::is_gstreamer;
+};
 
-Arguments HttpOptions(const TestStream& stream, const Source& source, Arguments options) {
-  const bool copy = std::string(source.audio_format) == "ac3_copy" &&
-                    (stream.IsSourceAudioCodec("ac3") || stream.IsSourceAudioCodec("eac3"));
-  if (copy) options = stream.ForceFFmpegAudioFormat(options, "copy");
-  const bool fixed = stream.profile_value.find("wmv2") != std::string::npos;
-  return stream.ForceFFmpegVideoSize(options, fixed);
-}
-
-Arguments OtherCommand(const std::string& kind, const Source& source) {
-  TestStream stream(kId, kind);
-  stream.seek_time = static_cast<int>(source.start) * 1000;
-  Arguments options = LibTarnVTE::StringExplode(stream.profile_value, " \n");
-  if (!stream.is_gstreamer) {
-    options = kind == "HLS"    ? HlsOptions(stream, source, options)
-              : kind == "HTTP" ? HttpOptions(stream, source, options)
-                               : stream.ForceFFmpegVideoSize(options, false);
-  }
-  if (kind == "HLS") stream.ForceTranscodeBitrate(options);
+// A run starts at a fragment: at the one that holds the start that is asked for.
+Arguments HlsCommand(const Source& source) {
+  Hls stream;
+  const int fragment = static_cast<int>(source.start) / stream.GetSegmentTime();
+  stream.seek_time = stream.CalculateSeekTime(fragment);
+  Arguments options = stream.is_gstreamer
+                          ? stream.CalculateGstreamerArgument()
+                          : stream.CalculateFFmpegArgument(std::to_string(fragment));
+  stream.ForceTranscodeBitrate(options);
   if (stream.is_gstreamer) {
-    return stream.CalculateGstreamerTranscodingArgument(options, "OUTPUT", false);
+    return stream.CalculateGstreamerTranscodingArgument(options, "fd:1", false);
   }
-  return stream.CalculateFFmpegTranscodingArgument(false, options, "OUTPUT");
+  return stream.CalculateFFmpegTranscodingArgument(false, options, stream.GetSegmentPattern());
+}
+
+class Smooth : public LibTarnVTE::SmoothStream {
+ public:
+  Smooth() : SmoothStream(kId) {}
+  using SmoothStream::seek_seconds;
+  using VTEStream::is_hardware;
+};
+
+Arguments SmoothCommand(const Source& source) {
+  Smooth stream;
+  stream.seek_seconds = static_cast<int>(source.start);
+  return stream.CalculateFFmpegTranscodingArgument(stream.is_hardware,
+                                                   stream.CalculateFFmpegArgument(), "OUTPUT");
+}
+
+class Http : public LibTarnVTE::HttpStream {
+ public:
+  explicit Http(unsigned start) : HttpStream(kId) { seek_seconds = static_cast<int>(start); }
+  using HttpStream::is_wmv2;
+  using VTEStream::is_gstreamer;
+};
+
+Arguments HttpCommand(const Source& source) {
+  const Http stream(source.start);
+  if (stream.is_gstreamer) {
+    return stream.CalculateGstreamerTranscodingArgument(stream.CalculateGstreamerArgument(), "fd:1",
+                                                        true);
+  }
+  return stream.CalculateFFmpegTranscodingArgument(!stream.is_wmv2,
+                                                   stream.CalculateFFmpegArgument(), "pipe:1");
+}
+
+Arguments Command(const std::string& kind, const Source& source) {
+  if (kind == "WEBM") return WebMCommand(source);
+  if (kind == "HTTP") return HttpCommand(source);
+  return kind == "SS" ? SmoothCommand(source) : HlsCommand(source);
 }
 
 // Arguments with blanks are quoted. Lines are broken before options.
@@ -179,7 +209,7 @@ std::vector<std::string> CommandLines(const std::string& kind, const Json::Value
       PrepareStream(kind, kId, document);
       WriteText(StreamFile(kind, kId, "audio_id"), source.audio_id);
       WriteText(StreamFile(kind, kId, "audio_format"), source.audio_format);
-      lines.push_back(Lines(kind == "WEBM" ? WebMCommand(source) : OtherCommand(kind, source)));
+      lines.push_back(Lines(Command(kind, source)));
     }
   }
   return lines;

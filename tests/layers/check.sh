@@ -1,9 +1,16 @@
 #!/usr/bin/env bash
 # Fails when an include climbs the layers of cmake/layers.txt, when a source file belongs to no layer,
-# or when the command-line program includes anything but the installed headers.
+# when a pattern matches no file, or when a program (cli, backend) includes anything but the installed
+# headers.
 set -euo pipefail
 cd "$1"
 shopt -s nullglob globstar
+
+failures=0
+fail() {
+  echo "$*"
+  failures=$((failures + 1))
+}
 
 declare -A target_of level_of
 while read -r level target line; do
@@ -13,17 +20,15 @@ while read -r level target line; do
   for pattern in "${patterns[@]}"; do
     files=($pattern)
     [[ $pattern == *'/*' ]] && files=(${pattern%/\*}/**/*)
+    found=0
     for file in "${files[@]}"; do
-      [[ -f $file ]] && target_of[$file]=$target
+      [[ -f $file ]] || continue
+      target_of[$file]=$target
+      found=1
     done
+    ((found)) || fail "cmake/layers.txt: $pattern of $target matches no file"
   done
 done <cmake/layers.txt
-
-failures=0
-fail() {
-  echo "$*"
-  failures=$((failures + 1))
-}
 
 # What a file includes, in quotes or angle brackets.
 includes() {
@@ -63,15 +68,21 @@ while IFS= read -r file; do
   done < <(includes "$file")
 done < <(find base platform host metadata vte include transcoder -name '*.cc' -o -name '*.h' | sort)
 
-while IFS= read -r file; do
-  while IFS= read -r include; do
-    path=$(resolve "$file" "$include")
-    [[ -n $path ]] || continue
-    checked=$((checked + 1))
-    [[ $path == include/tarnvte/* || $path == cli/* ]] ||
-      fail "$file includes $include: the program uses the installed headers only"
-  done < <(includes "$file")
-done < <(find cli -name '*.cc' -o -name '*.h' | sort)
+# A program in DIRECTORY sees itself and the installed headers.
+check_program() {
+  local file include path
+  while IFS= read -r file; do
+    while IFS= read -r include; do
+      path=$(resolve "$file" "$include")
+      [[ -n $path ]] || continue
+      checked=$((checked + 1))
+      [[ $path == include/tarnvte/* || $path == "$1"/* ]] ||
+        fail "$file includes $include: a program uses the installed headers only"
+    done < <(includes "$file")
+  done < <(find "$1" -name '*.cc' -o -name '*.h' | sort)
+}
+check_program cli
+check_program backend
 
 if ((checked < 100)); then
   fail "only $checked includes were looked at: the check itself is broken"

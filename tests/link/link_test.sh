@@ -11,6 +11,7 @@ DESTDIR=$stage cmake --install "$build" >"$work/install.log"
 profiles=/var/packages/Reelbay/target/share/profiles
 for file in "$prefix/bin/tarnvte" /var/packages/Orbfold/target/bin/ffmpeg41 \
   /var/packages/Orbfold/target/bin/ffmpeg27 "$prefix/include/tarnvte/webm_stream.h" \
+  "$prefix/include/tarnvte/http_stream.h" \
   "$profiles"/{webm,hls,http,smooth}.json; do
   [[ -e $stage$file ]] || { echo "not installed: $file"; exit 1; }
 done
@@ -37,6 +38,21 @@ export PKG_CONFIG_PATH=$stage$prefix/$libdir/pkgconfig
 "$compiler" -std=c++20 $flags "$work/outside/embed.cc" -o "$work/outside/embed-pc" \
   $(pkg-config --cflags --libs tarnvte) \
   -Wl,-rpath,"$stage$prefix/$libdir"
+
+# The other byte stream, whose numbers need no transcoder.
+cat >"$work/outside/predict.cc" <<'SOURCE'
+#include <tarnvte/http_stream.h>
+int main() {
+  LibTarnVTE::HttpStream stream("nobody");
+  char byte;
+  return stream.GetTransBitRate() == -1 && stream.Read(&byte, 1) == -1 ? 0 : 1;
+}
+SOURCE
+# shellcheck disable=SC2046,SC2086
+"$compiler" -std=c++20 $flags "$work/outside/predict.cc" -o "$work/outside/predict" \
+  $(pkg-config --cflags --libs tarnvte) \
+  -Wl,-rpath,"$stage$prefix/$libdir"
+"$build/sandbox" "$work/outside/predict" || { echo "predict: failed"; exit 1; }
 
 key=$(sed -n 's/.*"\(webm_[^"]*vp8[^"]*\)".*/\1/p' "$stage$profiles/webm.json" | head -n 1)
 for program in "$work/outside/build/embed" "$work/outside/embed-pc"; do

@@ -18,8 +18,13 @@ cat >"$build/sandbox" <<'STUB'
 root=$(dirname "$0")/../..
 pwd >"$root/folder"
 : >"$root/shown"
+: >"$root/writable"
 while [[ $1 == --* ]]; do
   [[ $1 != --show ]] || echo "$2" >>"$root/shown"
+  if [[ $1 == --rw ]]; then
+    echo "$2" >"$root/writable"
+    [[ $(cat "$root/status") != 0 ]] || echo playlist >"$2/index.m3u8"
+  fi
   shift 2
 done
 printf '%s\n' "$@" >"$root/command"
@@ -95,14 +100,39 @@ equal 'and nothing else' '' "$(find "$work" -name '*.part*')"
 equal 'nor a volume' '' "$(find "$build" -name 'volume.*')"
 echo 0 >"$checkout/status"
 
+for words in 'stream film.mkv --kind HLS' 'stream --kind=hls film.mkv' 'playlist film.mkv' \
+  '--verbose playlist film.mkv'; do
+  # shellcheck disable=SC2086
+  run tarnvte $words -o folder >out
+  equal "$words gets a folder" "tarnvte $words -o $work/films/folder" "$(command_line)"
+  equal "$words may write it" "$work/films/folder" "$(cat "$checkout/writable")"
+  equal "$words prints to the caller" output "$(cat out)"
+  equal "$words leaves what was written" playlist "$(cat folder/index.m3u8)"
+  rm -r folder
+done
+for words in 'stream playlist --kind WEBM' 'segment film.mkv' 'stream film.mkv -- --kind HLS'; do
+  # shellcheck disable=SC2086
+  run tarnvte ${words%% -- *} -o out.ts ${words#"${words%% -- *}"} >out
+  equal "$words gets no folder" '' "$(cat "$checkout/writable")"
+done
+equal 'a dash is no folder' "$(printf 'output\n')" "$(run tarnvte playlist film.mkv -o -)"
+equal 'and none is made' '' "$(cat "$checkout/writable")"
+echo 5 >"$checkout/status"
+equal 'the exit status of a command that writes a folder' 5 \
+  "$(status run tarnvte playlist film.mkv -o folder)"
+check 'whose folder goes' test ! -e folder
+echo 0 >"$checkout/status"
+
 run 'a film.mkv' >out
-equal 'a film alone is played' "tarnvte stream $work/films/a_film.mkv --kind WEBM -o -" \
-  "$(command_line)"
-equal 'into the build folder' output "$(cat "$checkout/build/play/a film.webm")"
+equal 'a film alone is made into a stream' \
+  "tarnvte stream $work/films/a_film.mkv --kind HLS -o $checkout/build/play/a_film" \
+  "$(command_line | sed "s|check_out|check out|")"
+equal 'in the build folder' "$checkout/build/play/a film" "$(cat "$checkout/writable")"
+equal 'and its playlist is named' "$checkout/build/play/a film/index.m3u8" "$(tail -n 1 out)"
 run -film.mkv >out
-equal 'whatever its name' "tarnvte stream $work/films/-film.mkv --kind WEBM -o -" "$(command_line)"
+equal 'whatever its name' "$checkout/build/play/-film/index.m3u8" "$(tail -n 1 out)"
 run >out
-equal 'without a name the sample is' output "$(cat "$checkout/build/play/sample.webm")"
+equal 'without a name the sample is' "$checkout/build/play/sample/index.m3u8" "$(tail -n 1 out)"
 run tarn-ffmpeg -i film.mkv -output_ts_offset 3 >out
 equal 'a transcoder by its name, with its own options' \
   "$(printf '%s\n' "$build/transcoder/tarn-ffmpeg" -i film.mkv -output_ts_offset 3)" \
@@ -111,6 +141,6 @@ equal 'a program that does not exist' 2 "$(status run tarn-nothing)"
 equal 'a folder' 2 "$(status run sub)"
 equal 'a film that does not exist' 3 "$(status run missing.mkv)"
 equal 'two films' 2 "$(status run film.mkv sub/film.mkv)"
-check 'help is help' grep -q 'plays a video file' <(run --help)
+check 'help is help' grep -q 'makes a video file' <(run --help)
 
 exit $((failures > 0))
