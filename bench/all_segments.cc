@@ -1,6 +1,7 @@
 // How fast a whole file becomes HLS segments, and what that costs, against ffmpeg alone.
 #include <string>
 
+#include "bench/bare_files.h"
 #include "bench/figures.h"
 #include "bench/hls_run.h"
 

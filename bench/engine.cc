@@ -1,7 +1,5 @@
 #include "bench/engine.h"
 
-#include <json/value.h>
-
 #include <algorithm>
 #include <cctype>
 
@@ -28,6 +26,13 @@ std::string PrepareStream(const std::string& kind, const std::string& file,
   const std::string id = LibTarnVTE::VTEStream::VTE_Init(argument);
   if (id.empty() || id == "TransSapceNotEnough") Fail(file + ": cannot be prepared");
   return id;
+}
+
+Json::Value WebRequest(const std::string& format) {
+  Json::Value request(Json::objectValue);
+  request["url"] = "http://host/stream";
+  request["format"] = format;
+  return request;
 }
 
 double SecondsToProbe(const std::string& file) {

@@ -14,6 +14,9 @@ void MeasureFirstSegment(Report& report);
 void MeasureFarSeek(Report& report);
 void MeasureReadySegment(Report& report);
 void MeasureAllSegments(Report& report);
+void MeasureFirstFragment(Report& report);
+void MeasureFarFragment(Report& report);
+void MeasureReadyFragment(Report& report);
 void MeasurePlaylists(Report& report);
 void MeasureAnalysis(Report& report);
 

@@ -1,13 +1,10 @@
 #include "bench/hls_run.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <filesystem>
 
-#include "base/wait.h"
+#include "bench/bare_files.h"
 #include "bench/engine.h"
-#include "bench/samples.h"
 #include "transcoder/ffmpeg_frontend/dialect.h"
 
 namespace tarnbench {
@@ -15,8 +12,7 @@ namespace {
 
 using LibTarnVTE::HttpLiveStream;
 
-constexpr char kBareFolder[] = "/volume1/bare";
-constexpr char kSegmentPattern[] = "/volume1/bare/slice-%05d.ts";
+constexpr char kSegmentPattern[] = "slice-%05d.ts";
 
 // A stream that is at a fragment without having been started there.
 class StreamAt : public HttpLiveStream {
@@ -28,7 +24,8 @@ class StreamAt : public HttpLiveStream {
   Words Command() {
     Words options = CalculateFFmpegArgument(FragmentId(fragment_));
     ForceTranscodeBitrate(options);
-    return CalculateFFmpegTranscodingArgument(false, options, kSegmentPattern);
+    return CalculateFFmpegTranscodingArgument(false, options,
+                                              std::string(kBareFolder) + "/" + kSegmentPattern);
   }
 
  private:
@@ -67,20 +64,13 @@ Words BareCommand(const Words& engine) {
   return argv;
 }
 
-std::string BareSegment(int fragment) {
-  char path[64];
-  std::snprintf(path, sizeof path, kSegmentPattern, fragment);
-  return path;
+std::string SegmentName(int fragment) {
+  char name[64];
+  std::snprintf(name, sizeof name, kSegmentPattern, fragment);
+  return name;
 }
 
 }  // namespace
-
-Json::Value WebRequest() {
-  Json::Value request(Json::objectValue);
-  request["url"] = "http://host/stream";
-  request["format"] = "hls";
-  return request;
-}
 
 std::string FragmentId(int fragment) { return std::to_string(fragment); }
 
@@ -94,29 +84,8 @@ HlsCommands CommandsOf(const HlsRequest& request, int first) {
   return commands;
 }
 
-BareFolder::BareFolder() {
-  std::filesystem::remove_all(kBareFolder);
-  std::filesystem::create_directory(kBareFolder);
-}
-
-BareFolder::~BareFolder() { std::filesystem::remove_all(kBareFolder); }
-
 double SecondsToSegment(const Words& argv, int first) {
-  constexpr int kTries = 60;
-  const BareFolder folder;
-  tarn::ChangeWaiter waiter;
-  waiter.WatchDirectory(kBareFolder);
-  const std::string next = BareSegment(first + 1);
-  double taken = 0;
-  {
-    const double begun = Now();
-    const Program program(argv);
-    const auto whole = [&next] { return access(next.c_str(), F_OK) == 0; };
-    if (!waiter.WaitUntil(whole, kTries, 1000)) Fail(argv[0] + " made no segment");
-    taken = Now() - begun;
-  }
-  ReapChildren();
-  return taken;
+  return SecondsToFile(argv, SegmentName(first + 1));
 }
 
 size_t SegmentBytes(const std::string& folder) {
@@ -132,7 +101,7 @@ size_t BareSegmentBytes() { return SegmentBytes(kBareFolder); }
 HlsRun::HlsRun(const HlsRequest& request)
     : stream_(std::make_unique<HttpLiveStream>(
           PrepareStream("HLS", request.file, request.profile_key, request.planned))) {
-  if (stream_->Init(WebRequest(), Json::Value(Json::objectValue), "", "aac")) return;
+  if (stream_->Init(WebRequest("hls"), Json::Value(Json::objectValue), "", "aac")) return;
   Fail(request.file + ": Init refused: " + stream_->GetErrorString());
 }
 

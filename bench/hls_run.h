@@ -1,8 +1,6 @@
 // HLS segments through the engine, and the same from a bare command.
 #pragma once
 
-#include <json/value.h>
-
 #include <memory>
 #include <string>
 
@@ -17,27 +15,15 @@ struct HlsRequest {
   bool planned = false;  // follow the stored keyframes
 };
 
-// What the engine is asked for when a stream is opened.
-Json::Value WebRequest();
 std::string FragmentId(int fragment);
 
-// The command lines that make segments from `first` on, in the folder for bare segments: what the
+// The command lines that make segments from `first` on, in the folder for bare files: what the
 // engine executes, and the distribution's ffmpeg with the same options and its own segment muxer.
 struct HlsCommands {
   Words engine;
   Words bare;
 };
 HlsCommands CommandsOf(const HlsRequest& request, int first);
-
-// The folder for bare segments, empty, on the volume that the engine's own lie on; removed at the
-// end.
-class BareFolder {
- public:
-  BareFolder();
-  ~BareFolder();
-  BareFolder(const BareFolder&) = delete;
-  BareFolder& operator=(const BareFolder&) = delete;
-};
 
 // How long one of these commands takes until `first` is whole, which the next segment's appearance
 // tells. The command is ended then.

@@ -29,6 +29,9 @@ constexpr Figure kFigures[] = {
     {"far-seek", MeasureFarSeek},
     {"ready-segment", MeasureReadySegment},
     {"all-segments", MeasureAllSegments},
+    {"first-fragment", MeasureFirstFragment},
+    {"far-fragment", MeasureFarFragment},
+    {"ready-fragment", MeasureReadyFragment},
     {"playlists", MeasurePlaylists},
     {"analysis", MeasureAnalysis},
 };

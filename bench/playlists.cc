@@ -17,8 +17,6 @@ using LibTarnVTE::preprocess::PreprocessResultWrapper;
 using LibTarnVTE::preprocess::PreprocessUtil;
 
 constexpr int kRounds = 101;
-constexpr Unit kFineMilliseconds{1000, 2, "ms"};
-
 // By an object that has read no plan yet.
 void MeasurePlaylist(Report& report, const std::string& figure, const HlsRequest& request) {
   constexpr double kLimit = 0.005;
@@ -27,7 +25,8 @@ void MeasurePlaylist(Report& report, const std::string& figure, const HlsRequest
   const Candidate write = [&run] {
     HttpLiveStream stream(run.stream().GetStreamID());
     return SecondsOf([&stream] {
-      if (!stream.GenPlaylist(WebRequest(), LibTarnVTE::Video)) Fail("the playlist is not written");
+      if (!stream.GenPlaylist(WebRequest("hls"), LibTarnVTE::Video))
+        Fail("the playlist is not written");
     });
   };
   WarmUp({write});

@@ -22,8 +22,6 @@ using LibReelbay::TransLoading;
 constexpr int kRounds = 1001;
 constexpr int kEntries = 100;
 constexpr double kLimit = 0.001;
-constexpr Unit kFineMilliseconds{1000, 3, "ms"};
-
 class SleepingChildren {
  public:
   explicit SleepingChildren(int count) {

@@ -17,6 +17,7 @@ struct Unit {
   std::string name;
 };
 inline const Unit kMilliseconds{1000, 1, "ms"};
+inline const Unit kFineMilliseconds{1000, 3, "ms"};
 inline const Unit kSeconds{1, 2, "s"};
 inline const Unit kPercent{100, 1, "%"};
 

@@ -8,8 +8,6 @@
 namespace tarnbench {
 namespace {
 
-constexpr Unit kFineMilliseconds{1000, 3, "ms"};
-
 struct Case {
   const char* name;
   HlsRequest request;

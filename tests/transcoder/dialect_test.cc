@@ -314,6 +314,37 @@ TEST(Translate, WhatIsCutNamesTheProgramThatCuts) {
             "/var/packages/Orbfold/target/bin/tarn-smooth");
 }
 
+// Where the picture's start is found exactly, the input is read twice; where it cannot be, the
+// program that cuts looks for it.
+TEST(Translate, TheInputsFirstBytesTellHowAStartIsFound) {
+  const std::string brand("\0\0\0\x20"
+                          "ftypisom",
+                          12);
+  const std::string program_stream("\0\0\x01\xBA pack", 9);
+  const auto words = [](const std::string& seconds, const std::string& codec) {
+    return Split("ffmpeg41 -ss " + seconds + " -i /v/a -vcodec " + codec +
+                 " -acodec aac -ar 48000 -segment_time 5 -segment_start_number 0 -hls_seek_time " +
+                 seconds + "000 -map 0:0 -map 0:1 /v/slice-%05d.ts");
+  };
+  const auto inputs = [](const Translation& translation) {
+    EXPECT_EQ(translation.error, "");
+    return std::count(translation.argv.begin(), translation.argv.end(), "-i");
+  };
+  const Translation exact = Translate(words("60", "libx264"), brand);
+  EXPECT_EQ(inputs(exact), 2);
+  EXPECT_FALSE(exact.searches);
+  const Translation searched = Translate(words("60", "libx264"), program_stream);
+  EXPECT_EQ(inputs(searched), 1);
+  EXPECT_TRUE(searched.searches);
+  for (const Translation& plain :
+       {Translate(words("60", "libx264")), Translate(words("0", "libx264"), brand),
+        Translate(words("0", "libx264"), program_stream), Translate(words("60", "copy"), brand),
+        Translate(words("60", "copy"), program_stream)}) {
+    EXPECT_EQ(inputs(plain), 1);
+    EXPECT_FALSE(plain.searches);
+  }
+}
+
 TEST(Translate, ARunThatCannotBeDescribedIsAnError) {
   EXPECT_EQ(ErrorOf("ffmpeg41 -i /v/a.mkv -seek_time 0 /v/smooth"),
             "option -fragment_length is missing");

@@ -112,7 +112,7 @@ TEST(EncoderCommand, FromAPlaceThatWasLookedFor) {
   std::string error;
   const CommandLine line = Line("-ss 60.000", std::string(kX264) + kAac, 12);
   EXPECT_THAT(
-      WithoutTimes(EncoderCommand(line, error, 50'000'000)),
+      WithoutTimes(EncoderCommand(line, error, {50'000'000, false})),
       ElementsAreArray(Command(
           "-ss 49.984000 -copyts -start_at_zero",
           "-vcodec libx264 -preset superfast -profile:v main -bf 0 -pix_fmt yuv420p -vb 500k "
@@ -121,9 +121,48 @@ TEST(EncoderCommand, FromAPlaceThatWasLookedFor) {
           "-vf trim=start=59.999500 -vsync vfr -enc_time_base:v 1:90000 -force_key_frames TIMES "
           "-af aresample=48000,aresample=async=1:min_hard_comp=0.01:first_pts=2399232")));
   EXPECT_EQ(error, "");
-  const Words from_before_zero = EncoderCommand(line, error, -200'000);
+  const Words from_before_zero = EncoderCommand(line, error, {-200'000, false});
   EXPECT_EQ(std::find(from_before_zero.begin(), from_before_zero.end(), "-ss"),
             from_before_zero.end());
+}
+
+// The picture needs nothing from before a keyframe at its start, so it is read from there.
+TEST(EncoderCommand, SoundApart) {
+  std::string error;
+  const CommandLine line = Line("-ss 60.000", std::string(kX264) + kAac, 12);
+  const Words argv = WithoutTimes(EncoderCommand(line, error, {std::nullopt, true}));
+  EXPECT_EQ(error, "");
+  Words expected = Split(
+      "/usr/bin/ffmpeg -nostdin -hide_banner -loglevel error -nostats -y "
+      "-ss 60.000000 -copyts -start_at_zero -noaccurate_seek -an -protocol_whitelist file "
+      "-format_whitelist FORMATS -i file:/v/a.mkv "
+      "-ss 59.882667 -copyts -start_at_zero -vn -protocol_whitelist file "
+      "-format_whitelist FORMATS -i file:/v/a.mkv "
+      "-vcodec libx264 -preset superfast -profile:v main -bf 0 -pix_fmt yuv420p -vb 500k "
+      "-g 1000 -sc_threshold 0 -s 480x360 -acodec aac -ab 64k -ar 48000 -ac 2 "
+      "-copypriorss:a 0 -max_muxing_queue_size 1024 -map 0:0? -map 1:0? -map 0:1? -map 1:1?");
+  std::replace(expected.begin(), expected.end(), std::string("FORMATS"),
+               std::string(kInputFormats));
+  const auto filters = std::find(argv.begin(), argv.end(), "-vf");
+  EXPECT_EQ(Words(argv.begin(), filters), expected);
+  const Words together = EncoderOf(line);
+  EXPECT_EQ(Words(filters, argv.end()),
+            Words(std::find(together.begin(), together.end(), "-vf"), together.end()));
+}
+
+TEST(EncoderCommand, NothingIsApartWhereItNeedNotBeOrTheTracksAreNotCertain) {
+  for (const char* maps : {"-map 0:0", "-map 0", "-map 0:0 -map 0:1 -map 0:2"}) {
+    const CommandLine line =
+        Parsed(Split(std::string("ffmpeg41 -ss 60.000 -i /v/a.mkv ") + kX264 + kAac +
+                     " -segment_time 5 -hls_seek_time 60000 -segment_start_number 12 " + maps +
+                     " /w/slice-%05d.ts"));
+    std::string error;
+    EXPECT_EQ(EncoderCommand(line, error, {std::nullopt, true}), EncoderCommand(line, error));
+    EXPECT_EQ(error, "");
+  }
+  std::string error;
+  const CommandLine line = Line("-ss 0.000", std::string(kX264) + kAac);
+  EXPECT_EQ(EncoderCommand(line, error, {std::nullopt, true}), EncoderCommand(line, error));
 }
 
 // Frames of 1152 samples at 44100 Hz: floor(59.9 * 44100 / 1152) = 2293, sample 2641536, at
@@ -502,6 +541,20 @@ TEST(NeedsKeyframeSearch, NotInContainersWithAnIndex) {
                                                12) +
                                    std::string(1000, 'x')));
   EXPECT_FALSE(NeedsKeyframeSearch("GIF89a" + std::string(1000, 'x')));
+}
+
+TEST(SeeksExactly, InFilesThatBeginWithTheirBrand) {
+  EXPECT_TRUE(
+      SeeksExactly(std::string("\0\0\0\x20"
+                               "ftypisom",
+                               12)));
+  EXPECT_FALSE(SeeksExactly(std::string("\x1A\x45\xDF\xA3", 4) + std::string(1000, 'x')));
+  EXPECT_FALSE(SeeksExactly("ftyp ftyp ftyp"));
+  EXPECT_FALSE(
+      SeeksExactly(std::string("\0\0\0\x20"
+                               "ftyp",
+                               8)));
+  EXPECT_FALSE(SeeksExactly(""));
 }
 
 TEST(NeedsKeyframeSearch, NotInShortFiles) {

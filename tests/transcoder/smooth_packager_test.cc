@@ -267,8 +267,8 @@ TEST(Failure, AFolderThatCannotBeMade) {
 
 TEST(Failure, AFolderThatGoesEndsTheRun) {
   Running run(Slow().Words());
-  ASSERT_TRUE(Eventually(
-      [] { return fs::exists(Video(0) + ".part") && fs::exists(Audio(0) + ".part"); }));
+  ASSERT_TRUE(
+      Eventually([] { return fs::exists(Video(0) + ".part") && fs::exists(Audio(0) + ".part"); }));
   fs::remove_all(kOutput);
   const int status = run.End();
   ASSERT_TRUE(WIFEXITED(status));

@@ -47,7 +47,7 @@ CommandLine Line(const std::string& input_options, const std::string& profile, i
 
 Words EncoderOf(const CommandLine& line, std::optional<int64_t> from_us = std::nullopt) {
   std::string error;
-  Words argv = SmoothEncoderCommand(line, error, from_us);
+  Words argv = SmoothEncoderCommand(line, error, {from_us, false});
   EXPECT_EQ(error, "");
   return argv;
 }
@@ -107,6 +107,37 @@ TEST(SmoothEncoderCommand, SoftwareFromAMinute) {
               ",setsar=0 -vsync vfr -bf 0 "
               "-force_key_frames expr:gte(t,n_forced*5-0.033333333) -af atrim=start=59.882667,"
               "aresample=48000,aresample=async=1:min_hard_comp=0.01:first_pts=2874368")));
+}
+
+// The picture needs nothing from before a keyframe at its start, so it is read from there.
+TEST(SmoothEncoderCommand, SoundApart) {
+  std::string error;
+  const Words argv =
+      SmoothEncoderCommand(Line("-ss 60.000", kSoftware, 60), error, {std::nullopt, true});
+  EXPECT_EQ(error, "");
+  const auto filters = std::find(argv.begin(), argv.end(), "-vf");
+  Words expected = Split(
+      "/usr/bin/ffmpeg -nostdin -hide_banner -loglevel error -nostats -y "
+      "-ss 60.000000 -copyts -start_at_zero -noaccurate_seek -an -protocol_whitelist file "
+      "-format_whitelist FORMATS -i file:/v/a.mkv "
+      "-ss 59.882667 -copyts -start_at_zero -vn -protocol_whitelist file "
+      "-format_whitelist FORMATS -i file:/v/a.mkv "
+      "-vcodec libx264 -preset ultrafast -profile:v baseline -level:v 30 -crf 25 -vb 320k "
+      "-maxrate 320k -bufsize 640k -pix_fmt yuv420p -g 1000 -acodec aac -ab 40k -ar 48000 "
+      "-ac 2 -copypriorss:a 0 -max_muxing_queue_size 1024 -map 0:0? -map 1:0? -map 0:1? "
+      "-map 1:1?");
+  std::replace(expected.begin(), expected.end(), std::string("FORMATS"),
+               std::string(kInputFormats));
+  EXPECT_EQ(Words(argv.begin(), filters), expected);
+  const Words together = EncoderOf(Line("-ss 60.000", kSoftware, 60));
+  EXPECT_EQ(Words(filters, argv.end()),
+            Words(std::find(together.begin(), together.end(), "-vf"), together.end()));
+}
+
+TEST(SmoothEncoderCommand, NothingIsApartAtTheStart) {
+  std::string error;
+  const CommandLine line = Line("-ss 0.000", kSoftware, 0);
+  EXPECT_EQ(SmoothEncoderCommand(line, error, {std::nullopt, true}), EncoderOf(line));
 }
 
 // 25 s lie between frames 599 (24.983292 s) and 600 (25.025 s). Three frames last 125125 us, so the

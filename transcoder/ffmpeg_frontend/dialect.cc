@@ -261,8 +261,6 @@ Words ReplaceEncoders(const Words& options) {
   return replaced;
 }
 
-// One file, in a format that cannot lead to another one. Those options come last before the input,
-// so that nothing among the input options loosens them.
 Words CommandUpToInput(const CommandLine& line, const Words& input_options) {
   Words argv = {paths::kDistributionFFmpeg,
                 "-nostdin",
@@ -271,6 +269,13 @@ Words CommandUpToInput(const CommandLine& line, const Words& input_options) {
                 "error",
                 "-nostats",
                 "-y"};
+  AppendInput(argv, line, input_options);
+  return argv;
+}
+
+// One file, in a format that cannot lead to another one. Those options come last before the input,
+// so that nothing among the input options loosens them.
+void AppendInput(Words& argv, const CommandLine& line, const Words& input_options) {
   // With the source's own time stamps a start also says where the output's clock begins.
   const bool keeps_clock =
       std::find(input_options.begin(), input_options.end(), "-copyts") != input_options.end();
@@ -285,18 +290,23 @@ Words CommandUpToInput(const CommandLine& line, const Words& input_options) {
   }
   Append(argv, {"-protocol_whitelist", "file", "-format_whitelist", kInputFormats, "-i",
                 "file:" + line.input});
-  return argv;
 }
 
 bool Parse(const Words& argv, CommandLine& line, std::string& error) {
   return Parser(argv, line, error).Run();
 }
 
-Translation Translate(const Words& argv) {
+Translation Translate(const Words& argv, std::string_view first_bytes) {
   Translation result;
   CommandLine line;
   if (!Parse(argv, line, result.error)) return result;
+  return Translate(line, first_bytes);
+}
+
+Translation Translate(const CommandLine& line, std::string_view first_bytes) {
+  Translation result;
   result.input = line.input;
+  const bool sound_apart = SeeksExactly(first_bytes);
   switch (line.kind) {
     case OutputKind::kPlain:
       result.argv = StockCommand(line, {});
@@ -306,7 +316,7 @@ Translation Translate(const Words& argv) {
       break;
     case OutputKind::kSegments:
       result.cutter = paths::kSegmenter;
-      result.argv = EncoderCommand(line, result.error);
+      result.argv = EncoderCommand(line, result.error, {std::nullopt, sound_apart});
       if (result.error.empty() && result.argv.empty()) {
         result.argv = WaitingAudioEncoderCommand(line);
         result.waits = !result.argv.empty();
@@ -314,9 +324,12 @@ Translation Translate(const Words& argv) {
       break;
     case OutputKind::kSmooth:
       result.cutter = paths::kSmoothPackager;
-      result.argv = SmoothEncoderCommand(line, result.error);
+      result.argv = SmoothEncoderCommand(line, result.error, {std::nullopt, sound_apart});
       break;
   }
+  const bool seeks = std::find(result.argv.begin(), result.argv.end(), "-ss") != result.argv.end();
+  result.searches =
+      !result.cutter.empty() && !result.waits && seeks && NeedsKeyframeSearch(first_bytes);
   return result;
 }
 

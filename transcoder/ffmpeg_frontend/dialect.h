@@ -62,12 +62,18 @@ struct Translation {
   // Absolute path of the program that cuts what `argv` writes to standard output (without `argv`,
   // the input itself); empty where `argv` makes the output.
   std::string cutter;
-  bool waits = false;  // `argv` reads its filters from standard input, which the cutter writes
-  std::string error;   // one line; empty exactly when the translation succeeded
+  bool waits = false;     // `argv` reads its filters from standard input, which the cutter writes
+  bool searches = false;  // the cutter looks for the start in the input, then starts the encoder
+  std::string error;      // one line; empty exactly when the translation succeeded
 };
 
-// `argv` includes the program's own name, which is not looked at.
-Translation Translate(const std::vector<std::string>& argv);
+// `first_bytes` of the input tell how a start is found in it: kFirstBytes of them, fewer where
+// there are no more, none where that is not known.
+Translation Translate(const CommandLine& line, std::string_view first_bytes);
+inline constexpr size_t kFirstBytes = 1024;
+
+// The same from its words. `argv` includes the program's own name, which is not looked at.
+Translation Translate(const std::vector<std::string>& argv, std::string_view first_bytes = {});
 
 // For the other translation units of this library.
 
@@ -79,6 +85,9 @@ const std::string* LastValue(const std::vector<std::string>& options,
 // `input_options` stand in for those of the line.
 std::vector<std::string> CommandUpToInput(const CommandLine& line,
                                           const std::vector<std::string>& input_options);
+// The same input once more behind that.
+void AppendInput(std::vector<std::string>& argv, const CommandLine& line,
+                 const std::vector<std::string>& input_options);
 // Output options with the encoders that stock ffmpeg lacks replaced.
 std::vector<std::string> ReplaceEncoders(const std::vector<std::string>& options);
 // The option takes no value.

@@ -1,6 +1,7 @@
 #include "transcoder/ffmpeg_frontend/encoder_words.h"
 
 #include <cstdio>
+#include <utility>
 
 #include "base/text.h"
 
@@ -86,6 +87,66 @@ Words StartAt(const CommandLine& line, int64_t start_us) {
   if (start_us > 0) Append(options, {"-ss", Seconds(start_us)});
   Append(options, {"-copyts", "-start_at_zero"});
   return options;
+}
+
+Words Maps(const Words& options) {
+  Words maps;
+  for (size_t i = 0; i + 1 < options.size(); ++i) {
+    if (options[i] == "-map") maps.push_back(options[i + 1]);
+  }
+  return maps;
+}
+
+bool MapsOneOfEach(const Words& maps) {
+  const auto names_track = [](const std::string& map) { return map.starts_with("0:"); };
+  return maps.size() == 2 && std::all_of(maps.begin(), maps.end(), names_track);
+}
+
+// Which of the tracks is the picture, only ffmpeg sees: it is asked for both in both inputs.
+Words InputsApart(const CommandLine& line, int64_t video_us, int64_t sound_us, Words& options) {
+  if (sound_us <= 0 || !MapsOneOfEach(Maps(options))) return {};
+  const auto input = [&line](int64_t start_us, const Words& without) {
+    Words words = StartAt(line, start_us);
+    Append(words, without);
+    return words;
+  };
+  // What lies before the start goes by the picture's own filters.
+  Words argv = CommandUpToInput(line, input(video_us, {"-noaccurate_seek", "-an"}));
+  AppendInput(argv, line, input(sound_us, {"-vn"}));
+  Words mapped;
+  for (size_t i = 0; i < options.size(); ++i) {
+    if (i > 0 && options[i - 1] == "-map") {
+      Append(mapped, {options[i] + "?", "-map", "1" + options[i].substr(1) + "?"});
+    } else {
+      mapped.push_back(options[i]);
+    }
+  }
+  options = std::move(mapped);
+  return argv;
+}
+
+// ISO base media files (ISO/IEC 14496-12) begin with their brand.
+bool SeeksExactly(std::string_view first_bytes) {
+  return first_bytes.size() > 8 && first_bytes.substr(4, 4) == "ftyp";
+}
+
+bool NeedsKeyframeSearch(std::string_view first_bytes) {
+  constexpr std::string_view kProgramStream("\0\0\x01\xBA", 4);
+  constexpr char kSyncByte = 0x47;
+  if (first_bytes.starts_with(kProgramStream)) return true;
+  // Transport stream packets, bare, behind a time code or before check bytes; a recording may begin
+  // within one.
+  for (const size_t packet : {188, 192, 204}) {
+    for (size_t first = 0; first < packet; ++first) {
+      size_t seen = 0;
+      while (seen < 3 && first + seen * packet < first_bytes.size() &&
+             first_bytes[first + seen * packet] == kSyncByte) {
+        ++seen;
+      }
+      if (seen == 3) return true;
+    }
+  }
+  return false;
 }
 
 Words PipeOutput() {

@@ -76,6 +76,34 @@ std::vector<std::string> KeptOptions(const std::vector<std::string>& options,
 // run begins.
 std::vector<std::string> StartAt(const CommandLine& line, int64_t start_us);
 
+// The words behind "-map", as they came.
+std::vector<std::string> Maps(const std::vector<std::string>& options);
+// Two tracks by their numbers are one of each kind.
+bool MapsOneOfEach(const std::vector<std::string>& maps);
+
+// How decoding gets to a run's start.
+struct DecodingStart {
+  // A place before it that was looked for; otherwise ffmpeg finds one itself.
+  std::optional<int64_t> from_us;
+  // The picture is read apart from the sound, which is needed from a little before it: a keyframe
+  // right at the start is found, and its predecessor's group of pictures is not decoded.
+  bool sound_apart = false;
+};
+
+// Everything up to the output options, the picture read from the last keyframe up to one place and
+// the sound from another; the "-map" words in `options` then say so. Empty, with `options`
+// untouched, where both are read from the source's start, or where one track of each kind is not
+// certain.
+std::vector<std::string> InputsApart(const CommandLine& line, int64_t video_us, int64_t sound_us,
+                                     std::vector<std::string>& options);
+
+// In such a file, told by its first bytes, ffmpeg finds the last keyframe up to a time exactly,
+// and may open it twice at little cost: it has an index.
+bool SeeksExactly(std::string_view first_bytes);
+// In such a one ffmpeg finds a position without regard to keyframes, and would lose what lies
+// before the next one: the start has to be looked for first.
+bool NeedsKeyframeSearch(std::string_view first_bytes);
+
 // Standard output, in a container that keeps time stamps exactly and is read without a look ahead.
 std::vector<std::string> PipeOutput();
 

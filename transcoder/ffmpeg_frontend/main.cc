@@ -43,14 +43,12 @@ const char* ProgramName(const char* path) {
   return slash != nullptr ? slash + 1 : path;
 }
 
-// ffmpeg would begin at any frame of the file, and lose what lies before the next keyframe. False
-// also when nothing can be read: the encoder then says why.
-bool NeedsSearch(const std::vector<std::string>& argv, const std::string& path) {
-  if (std::find(argv.begin(), argv.end(), "-ss") == argv.end()) return false;
+// Empty also when nothing can be read: the encoder then says why.
+std::string FirstBytes(const std::string& path) {
   const tarn::UniqueFd file(tarn::OpenRetry(path.c_str(), O_RDONLY | O_NONBLOCK));
   char bytes[tarn::ffmpeg::kFirstBytes];
   const ssize_t count = tarn::ReadRetry(file.get(), bytes, sizeof bytes);
-  return count > 0 && tarn::ffmpeg::NeedsKeyframeSearch({bytes, static_cast<size_t>(count)});
+  return std::string(bytes, static_cast<size_t>(std::max<ssize_t>(count, 0)));
 }
 
 // Over exec, as the cutter's word for it.
@@ -66,8 +64,7 @@ std::string BecomeCutter(const tarn::ffmpeg::Translation& translation,
                          const std::vector<std::string>& words) {
   std::vector<std::string> argv = {translation.cutter};
   tarn::UniqueFd read_end, filters;
-  const bool ready = translation.waits || !NeedsSearch(translation.argv, translation.input);
-  if (!translation.argv.empty() && ready) {
+  if (!translation.argv.empty() && !translation.searches) {
     std::string error;
     const pid_t pid = tarn::ffmpeg::StartEncoder(translation.argv, read_end,
                                                  translation.waits ? &filters : nullptr, error);
@@ -79,17 +76,28 @@ std::string BecomeCutter(const tarn::ffmpeg::Translation& translation,
   return Become(argv);
 }
 
+// Returns only with an error.
+std::string Run(const std::vector<std::string>& words) {
+  using tarn::ffmpeg::OutputKind;
+  tarn::ffmpeg::CommandLine line;
+  std::string error;
+  if (!tarn::ffmpeg::Parse(words, line, error)) return error;
+  std::string first_bytes;
+  if (line.input != "-") {
+    error = CheckInputFile(line.input);
+    if (!error.empty()) return error;
+    const bool cut = line.kind == OutputKind::kSegments || line.kind == OutputKind::kSmooth;
+    if (cut) first_bytes = FirstBytes(line.input);
+  }
+  const tarn::ffmpeg::Translation translation = tarn::ffmpeg::Translate(line, first_bytes);
+  if (!translation.error.empty()) return translation.error;
+  return translation.cutter.empty() ? Become(translation.argv) : BecomeCutter(translation, words);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::vector<std::string> words(argv, argv + argc);
-  const tarn::ffmpeg::Translation translation = tarn::ffmpeg::Translate(words);
-  std::string error = translation.error;
-  if (error.empty() && translation.input != "-") error = CheckInputFile(translation.input);
-  if (error.empty()) {
-    error =
-        translation.cutter.empty() ? Become(translation.argv) : BecomeCutter(translation, words);
-  }
+  const std::string error = Run({argv, argv + argc});
   const char* program = argc > 0 ? ProgramName(argv[0]) : "ffmpeg";
   std::fprintf(stderr, "%s: %s\n", program, error.c_str());
   TARN_LOG_ERR("%s: %s", program, error.c_str());

@@ -78,12 +78,6 @@ Words SoundCommand(const CommandLine& line, const SoundStart& sound, int64_t fro
   return argv;
 }
 
-// Two tracks by their numbers are one of each kind.
-bool MapsOneSound(const SegmentRun& run) {
-  const auto names_track = [](const std::string& map) { return map.starts_with("0:"); };
-  return run.maps.size() == 2 && std::all_of(run.maps.begin(), run.maps.end(), names_track);
-}
-
 // Where the encoder that waits begins to decode. A run without a plan begins at most one segment
 // before its place; a planned one at its place, counted from the first keyframe, which an edit list
 // may put before the source's start. Decoding costs little beside encoding. Nothing where the sound
@@ -94,7 +88,7 @@ std::optional<int64_t> WaitingFromUs(const CommandLine& line) {
   const Words& options = line.output_options;
   if (!DescribeRun(line, run, ignored) || !run.copies_video || run.copies_audio) return {};
   const bool mute = std::find(options.begin(), options.end(), "-an") != options.end();
-  if (mute || !MapsOneSound(run) || !AudioGrid(options)) return {};
+  if (mute || !MapsOneOfEach(run.maps) || !AudioGrid(options)) return {};
   const auto seek_us = static_cast<int64_t>(run.seek_ms) * 1000;
   const auto length_us = static_cast<int64_t>(run.length_s) * kMicroseconds;
   return std::max<int64_t>(seek_us - length_us - kReorderingUs, 0);
@@ -128,9 +122,7 @@ bool DescribeRun(const CommandLine& line, SegmentRun& run, std::string& error) {
   run.output_prefix = line.output.substr(0, number);
   run.output_suffix = line.output.substr(number + kNumberPattern.size());
 
-  for (size_t i = 0; i + 1 < line.output_options.size(); ++i) {
-    if (line.output_options[i] == "-map") run.maps.push_back(line.output_options[i + 1]);
-  }
+  run.maps = Maps(line.output_options);
   run.from_stdin = line.input == "-";
   run.copies_video = IsCopy(VideoCodec(line.output_options));
   run.copies_audio = run.copies_video && IsCopy(AudioCodec(line.output_options));
@@ -143,15 +135,17 @@ bool DescribeRun(const CommandLine& line, SegmentRun& run, std::string& error) {
   return true;
 }
 
-Words EncoderCommand(const CommandLine& line, std::string& error, std::optional<int64_t> from_us) {
+Words EncoderCommand(const CommandLine& line, std::string& error, const DecodingStart& start) {
   SegmentRun run;
   if (!DescribeRun(line, run, error) || run.copies_video) return {};
   const int64_t seek_us = static_cast<int64_t>(run.seek_ms) * 1000;
-  const SoundStart sound = SoundFrom(line, from_us.value_or(seek_us - kAudioLeadUs));
-  Words argv = CommandUpToInput(line, StartAt(line, sound.us));
-  Append(argv, KeptOptions(ReplaceEncoders(line.output_options), [&](std::string_view option) {
-           return IsOneOf(kVideoFilters, option) || (sound.grid && IsOneOf(kAudioFilters, option));
-         }));
+  const SoundStart sound = SoundFrom(line, start.from_us.value_or(seek_us - kAudioLeadUs));
+  Words options = KeptOptions(ReplaceEncoders(line.output_options), [&](std::string_view option) {
+    return IsOneOf(kVideoFilters, option) || (sound.grid && IsOneOf(kAudioFilters, option));
+  });
+  Words argv = start.sound_apart ? InputsApart(line, seek_us, sound.us, options) : Words();
+  if (argv.empty()) argv = CommandUpToInput(line, StartAt(line, sound.us));
+  Append(argv, options);
   Append(argv, {"-vf", VideoFilter(line.output_options, seek_us), "-vsync", "vfr",
                 "-enc_time_base:v", "1:90000", "-force_key_frames", KeyframeTimes(run)});
   if (sound.grid) Append(argv, {"-af", SoundFilters(line.output_options, sound)});
@@ -182,25 +176,6 @@ std::string AwaitedAudioFilters(const CommandLine& line, int64_t start_us) {
   if (!from_us || start.us < *from_us) return "";
   const std::string filters = SoundFilters(line.output_options, start);
   return start.us == 0 ? filters : "atrim=start=" + Seconds(start.us) + "," + filters;
-}
-
-bool NeedsKeyframeSearch(std::string_view first_bytes) {
-  constexpr std::string_view kProgramStream("\0\0\x01\xBA", 4);
-  constexpr char kSyncByte = 0x47;
-  if (first_bytes.starts_with(kProgramStream)) return true;
-  // Transport stream packets, bare, behind a time code or before check bytes; a recording may begin
-  // within one.
-  for (const size_t packet : {188, 192, 204}) {
-    for (size_t first = 0; first < packet; ++first) {
-      size_t seen = 0;
-      while (seen < 3 && first + seen * packet < first_bytes.size() &&
-             first_bytes[first + seen * packet] == kSyncByte) {
-        ++seen;
-      }
-      if (seen == 3) return true;
-    }
-  }
-  return false;
 }
 
 }  // namespace tarn::ffmpeg

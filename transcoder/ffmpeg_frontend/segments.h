@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "transcoder/ffmpeg_frontend/dialect.h"
+#include "transcoder/ffmpeg_frontend/encoder_words.h"
 
 namespace tarn::ffmpeg {
 
@@ -51,10 +51,9 @@ inline constexpr uint64_t kLongestRun = 8192;
 bool DescribeRun(const CommandLine& line, SegmentRun& run, std::string& error);
 
 // The command that writes the run's encoded tracks to standard output; empty when everything is
-// copied, or (with `error`) when the run cannot be described. Decoding begins at the run's start,
-// or at `from_us`, which lies before it.
+// copied, or (with `error`) when the run cannot be described.
 std::vector<std::string> EncoderCommand(const CommandLine& line, std::string& error,
-                                        std::optional<int64_t> from_us = std::nullopt);
+                                        const DecodingStart& start = {});
 // The same for the sound beside copied video, from a time on.
 std::vector<std::string> AudioEncoderCommand(const CommandLine& line, int64_t start_us);
 // The same for a start that only the source's packets tell, so that ffmpeg gets ready while they
@@ -64,10 +63,5 @@ std::vector<std::string> WaitingAudioEncoderCommand(const CommandLine& line);
 // What to write there for a start; the frames are then those of AudioEncoderCommand. Empty when
 // decoding has begun behind that start.
 std::string AwaitedAudioFilters(const CommandLine& line, int64_t start_us);
-
-// ffmpeg finds a position in this kind of file (told by its first bytes) without regard to
-// keyframes, and would lose what lies before the next one: the start has to be looked for first.
-bool NeedsKeyframeSearch(std::string_view first_bytes);
-inline constexpr size_t kFirstBytes = 1024;
 
 }  // namespace tarn::ffmpeg

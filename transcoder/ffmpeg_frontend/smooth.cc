@@ -202,29 +202,31 @@ bool DescribeSmoothRun(const CommandLine& line, SmoothRun& run, std::string& err
 }
 
 Words SmoothEncoderCommand(const CommandLine& line, std::string& error,
-                           std::optional<int64_t> from_us) {
+                           const DecodingStart& start) {
   SmoothRun run;
   if (!DescribeSmoothRun(line, run, error)) return {};
-  const Words& options = line.output_options;
+  const Words& given = line.output_options;
   const FrameGrid sound{kSmoothSoundRate, kSmoothSoundSamples};
   const int64_t start_us = static_cast<int64_t>(run.first * run.length_s) * kMicroseconds;
-  const int64_t frame = sound.FrameAt(from_us.value_or(start_us - kAudioLeadUs));
+  const int64_t frame = sound.FrameAt(start.from_us.value_or(start_us - kAudioLeadUs));
   const int64_t lead_us = sound.StartOf(frame);
-  Words input = StartAt(line, lead_us);
-  std::string sound_filter = AudioFilter(sound, frame);
-  if (lead_us > 0) {
+  Words options = KeptOptions(ReplaceEncoders(given), [](std::string_view option) {
+    return IsOneOf(kVideoFilters, option) || IsOneOf(kAudioFilters, option) ||
+           IsOneOf(kSizes, option) || IsOneOf(kReordering, option);
+  });
+  Words argv = start.sound_apart ? InputsApart(line, start_us, lead_us, options) : Words();
+  if (argv.empty()) {
+    Words input = StartAt(line, lead_us);
     // The picture that is seen at the start may come from far before it.
-    input.push_back("-noaccurate_seek");
-    sound_filter = "atrim=start=" + Seconds(lead_us) + "," + sound_filter;
+    if (lead_us > 0) input.push_back("-noaccurate_seek");
+    argv = CommandUpToInput(line, input);
   }
-  Words argv = CommandUpToInput(line, input);
-  Append(argv, KeptOptions(ReplaceEncoders(options), [](std::string_view option) {
-           return IsOneOf(kVideoFilters, option) || IsOneOf(kAudioFilters, option) ||
-                  IsOneOf(kSizes, option) || IsOneOf(kReordering, option);
-         }));
-  Append(argv, {"-vf", VideoFilter(options, run), "-vsync", "vfr", "-bf", "0", "-force_key_frames",
+  std::string sound_filter = AudioFilter(sound, frame);
+  if (lead_us > 0) sound_filter = "atrim=start=" + Seconds(lead_us) + "," + sound_filter;
+  Append(argv, options);
+  Append(argv, {"-vf", VideoFilter(given, run), "-vsync", "vfr", "-bf", "0", "-force_key_frames",
                 KeyframeTimes(run), "-af",
-                Chain(sound_filter, LastValue(options, {"-af", "-filter:a", "-filter:a:0"}))});
+                Chain(sound_filter, LastValue(given, {"-af", "-filter:a", "-filter:a:0"}))});
   // The source's colours would be marked in the parameter sets.
   for (const char* mark : {"-color_range", "-color_primaries", "-color_trc", "-colorspace",
                            "-chroma_sample_location"}) {

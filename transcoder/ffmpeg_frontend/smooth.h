@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "transcoder/ffmpeg_frontend/dialect.h"
+#include "transcoder/ffmpeg_frontend/encoder_words.h"
 
 namespace tarn::ffmpeg {
 
@@ -37,9 +37,8 @@ struct SmoothRun {
 bool DescribeSmoothRun(const CommandLine& line, SmoothRun& run, std::string& error);
 
 // The command that writes the run's encoded tracks to standard output; empty, with `error`, when
-// the run cannot be described. Decoding begins at the run's start, or at `from_us`, which lies
-// before it.
+// the run cannot be described.
 std::vector<std::string> SmoothEncoderCommand(const CommandLine& line, std::string& error,
-                                              std::optional<int64_t> from_us = std::nullopt);
+                                              const DecodingStart& start = {});
 
 }  // namespace tarn::ffmpeg

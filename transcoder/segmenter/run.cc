@@ -187,7 +187,7 @@ class Run {
   bool StartVideo() {
     const std::optional<int64_t> from =
         media::DecodeFrom(line_.input, run_.maps, run_.seek_ms / 1000.0, error_);
-    return from && encoder_.Start(ffmpeg::EncoderCommand(line_, error_, from), error_);
+    return from && encoder_.Start(ffmpeg::EncoderCommand(line_, error_, {from, false}), error_);
   }
 
   // An encoder that fails has said why.

@@ -91,13 +91,11 @@ class Run {
 
   // ffmpeg is sent to a place from which decoding certainly reaches the start.
   bool StartEncoder() {
-    std::vector<std::string> maps;
-    for (size_t i = 0; i + 1 < line_.output_options.size(); ++i) {
-      if (line_.output_options[i] == "-map") maps.push_back(line_.output_options[i + 1]);
-    }
-    const std::optional<int64_t> from = media::DecodeFrom(
-        line_.input, maps, static_cast<double>(run_.first * run_.length_s), error_);
-    return from && encoder_.Start(ffmpeg::SmoothEncoderCommand(line_, error_, from), error_);
+    const std::optional<int64_t> from =
+        media::DecodeFrom(line_.input, ffmpeg::Maps(line_.output_options),
+                          static_cast<double>(run_.first * run_.length_s), error_);
+    return from &&
+           encoder_.Start(ffmpeg::SmoothEncoderCommand(line_, error_, {from, false}), error_);
   }
 
   bool CopyAll() {
