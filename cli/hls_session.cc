@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "fragment_wait.h"
+#include "stream_options.h"
 #include "tarnvte/argument_helper.h"
 #include "tarnvte/vteutils.h"
 #include "text.h"
@@ -45,17 +46,8 @@ int TrackNumber(const Json::Value& track) {
 }  // namespace
 
 void AddHlsOptions(CLI::App& sub, HlsRequest& request) {
-  request.stream.kind = "HLS";
-  sub.add_option("FILE", request.stream.file, "The video file")->required()->option_text(" ");
-  sub.add_option("--profile", request.stream.profile_key,
-                 "Transcoding profile (default: copies H.264, else encodes as the platform can)")
-      ->option_text("KEY");
-  sub.add_option("--profile-file,--profiles", request.stream.profile_file,
-                 "File with transcoding profiles (default " + DefaultProfileFile("HLS") + ")")
-      ->option_text("PATH");
-  sub.add_option("--audio", request.audio,
-                 "Audio track by its id in \"tarnvte probe\" (default: the first)")
-      ->option_text("ID");
+  AddStreamOptions(sub, {"HLS"}, ": copies H.264, else encodes as the platform can", request.stream,
+                   request.audio);
   sub.add_flag("--pre-analysis", request.stream.pre_analysis,
                "Cut a copied video at the keyframes that \"tarnvte analyze\" found");
 }

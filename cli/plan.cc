@@ -21,6 +21,7 @@
 #include "prepared_stream.h"
 #include "registry_view.h"
 #include "smooth_session.h"
+#include "stream_options.h"
 #include "tarnvte/argument_helper.h"
 #include "tarnvte/http_stream.h"
 #include "tarnvte/smooth_stream.h"
@@ -588,21 +589,10 @@ void AddPlan(CLI::App& app, Command& command) {
   CLI::App* sub = app.add_subcommand("plan", "Show what the engine would do with a video, and why");
   auto options = std::make_shared<PlanOptions>();
   StreamRequest& request = options->request;
-  request.kind = "WEBM";
-  sub->add_option("FILE", request.file, "The video file")->required()->option_text(" ");
-  sub->add_option("--kind", request.kind, "Kind of stream: WEBM (default), HLS, SS or HTTP")
-      ->transform(CLI::IsMember({"WEBM", "HLS", "SS", "HTTP"}, CLI::ignore_case))
-      ->option_text("KIND");
-  sub->add_option("--profile", request.profile_key,
-                  "Transcoding profile (default for WEBM: " + DefaultProfileKey("WEBM") +
-                      "; for HLS: copies H.264, else encodes as the platform can)")
-      ->option_text("KEY");
-  sub->add_option("--profile-file,--profiles", request.profile_file,
-                  "File with transcoding profiles (default: the shipped file of the kind)")
-      ->option_text("PATH");
-  sub->add_option("--audio", options->audio,
-                  "Audio track by its id in \"tarnvte probe\" (default: the first)")
-      ->option_text("ID");
+  AddStreamOptions(*sub, {"WEBM", "HLS", "SS", "HTTP"},
+                   " for WEBM: " + DefaultProfileKey("WEBM") +
+                       "; for HLS: copies H.264, else encodes as the platform can",
+                   request, options->audio);
   sub->add_option("--start", options->start, "Start at this second of the video")
       ->check(CLI::Range(0U, kLongestSeconds))
       ->option_text("S");

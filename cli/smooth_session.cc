@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "fragment_wait.h"
+#include "stream_options.h"
 #include "text.h"
 
 namespace tarncli {
@@ -36,17 +37,8 @@ std::string Attribute(const std::string& text, size_t from, const std::string& o
 }  // namespace
 
 void AddSmoothOptions(CLI::App& sub, SmoothRequest& request) {
-  request.stream.kind = "SS";
-  sub.add_option("FILE", request.stream.file, "The video file")->required()->option_text(" ");
-  sub.add_option("--profile", request.stream.profile_key,
-                 "Transcoding profile (default: 720 lines, encoded as the platform can)")
-      ->option_text("KEY");
-  sub.add_option("--profile-file,--profiles", request.stream.profile_file,
-                 "File with transcoding profiles (default " + DefaultProfileFile("SS") + ")")
-      ->option_text("PATH");
-  sub.add_option("--audio", request.audio,
-                 "Audio track by its id in \"tarnvte probe\" (default: the first)")
-      ->option_text("ID");
+  AddStreamOptions(sub, {"SS"}, ": 720 lines, encoded as the platform can", request.stream,
+                   request.audio);
 }
 
 Failure NotForetold(const LibTarnVTE::VideoMetaData& source, const std::string& file) {

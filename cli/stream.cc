@@ -21,6 +21,7 @@
 #include "prepared_stream.h"
 #include "progress.h"
 #include "registry_view.h"
+#include "stream_options.h"
 #include "tarnvte/argument_helper.h"
 #include "tarnvte/http_stream.h"
 #include "tarnvte/webm_stream.h"
@@ -273,21 +274,10 @@ void AddStream(CLI::App& app, Command& command) {
       app.add_subcommand("stream", "Transcode a whole video: one byte stream, or HLS files");
   auto options = std::make_shared<StreamOptions>();
   StreamRequest& request = options->request;
-  request.kind = "WEBM";
-  sub->add_option("FILE", request.file, "The video file")->required()->option_text(" ");
-  sub->add_option("--kind", request.kind, "Kind of stream: WEBM (default), HTTP or HLS")
-      ->transform(CLI::IsMember({"WEBM", "HTTP", "HLS"}, CLI::ignore_case))
-      ->option_text("KIND");
-  sub->add_option("--profile", request.profile_key,
-                  "Transcoding profile (default for WEBM: " + DefaultProfileKey("WEBM") +
-                      "; for HLS: copies H.264, else encodes as the platform can; HTTP has none)")
-      ->option_text("KEY");
-  sub->add_option("--profile-file,--profiles", request.profile_file,
-                  "File with transcoding profiles (default: the shipped file of the kind)")
-      ->option_text("PATH");
-  sub->add_option("--audio", options->audio,
-                  "Audio track by its id in \"tarnvte probe\" (default: the first)")
-      ->option_text("ID");
+  AddStreamOptions(*sub, {"WEBM", "HTTP", "HLS"},
+                   " for WEBM: " + DefaultProfileKey("WEBM") +
+                       "; for HLS: copies H.264, else encodes as the platform can; HTTP has none",
+                   request, options->audio);
   CLI::Option* start =
       sub->add_option("--start", options->start, "WEBM, HTTP: start at this second of the video")
           ->check(CLI::Range(0U, kLongestSeconds))
