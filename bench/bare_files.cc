@@ -1,13 +1,25 @@
 #include "bench/bare_files.h"
 
-#include <unistd.h>
-
 #include <filesystem>
+#include <system_error>
 
 #include "base/wait.h"
 #include "bench/samples.h"
 
 namespace tarnbench {
+namespace {
+
+bool HasFile(const std::string& folder, const std::string& begin) {
+  std::error_code error;
+  std::filesystem::directory_iterator entry(folder, error);
+  while (!error && entry != std::filesystem::directory_iterator()) {
+    if (entry->path().filename().string().starts_with(begin)) return true;
+    entry.increment(error);
+  }
+  return false;
+}
+
+}  // namespace
 
 BareFolder::BareFolder() {
   std::filesystem::remove_all(kBareFolder);
@@ -16,23 +28,22 @@ BareFolder::BareFolder() {
 
 BareFolder::~BareFolder() { std::filesystem::remove_all(kBareFolder); }
 
-double SecondsToFile(const Words& argv, const std::string& name) {
+double SecondsToFile(const Words& argv, const std::string& begin) {
   constexpr int kTries = 60;
   const BareFolder folder;
-  const std::string path = std::string(kBareFolder) + "/" + name;
-  const std::string parent = path.substr(0, path.rfind('/'));
+  const std::filesystem::path path = std::string(kBareFolder) + "/" + begin;
   tarn::ChangeWaiter waiter;
   const auto is_there = [&] {
     // The program makes its own folders.
     waiter.WatchDirectory(kBareFolder);
-    waiter.WatchDirectory(parent);
-    return access(path.c_str(), F_OK) == 0;
+    waiter.WatchDirectory(path.parent_path());
+    return HasFile(path.parent_path(), path.filename());
   };
   double taken = 0;
   {
     const double begun = Now();
     const Program program(argv);
-    if (!waiter.WaitUntil(is_there, kTries, 1000)) Fail(argv[0] + " made no " + name);
+    if (!waiter.WaitUntil(is_there, kTries, 1000)) Fail(argv[0] + " made no " + begin);
     taken = Now() - begun;
   }
   ReapChildren();

@@ -18,8 +18,8 @@ class BareFolder {
   BareFolder& operator=(const BareFolder&) = delete;
 };
 
-// How long a command takes until a file of kBareFolder is there ("slice-00001.ts",
-// "FOLDER/NAME"). The folder is made for it, and the command is ended then.
-double SecondsToFile(const Words& argv, const std::string& name);
+// How long a command takes until kBareFolder holds a file whose path begins like this
+// ("slice-00001.ts", "FOLDER/NAME"). The folder is made for it, and the command is ended then.
+double SecondsToFile(const Words& argv, const std::string& begin);
 
 }  // namespace tarnbench

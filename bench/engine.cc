@@ -11,10 +11,11 @@
 namespace tarnbench {
 namespace {
 
-std::string ProfileFile(std::string kind) {
-  std::transform(kind.begin(), kind.end(), kind.begin(),
+std::string ProfileFile(const std::string& kind) {
+  std::string name = kind == "SS" ? "smooth" : kind;
+  std::transform(name.begin(), name.end(), name.begin(),
                  [](unsigned char letter) { return std::tolower(letter); });
-  return "/var/packages/Reelbay/target/share/profiles/" + kind + ".json";
+  return "/var/packages/Reelbay/target/share/profiles/" + name + ".json";
 }
 
 }  // namespace

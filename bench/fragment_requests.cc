@@ -16,9 +16,6 @@ struct Case {
   SmoothRequest request;
 };
 
-// The stock muxer counts from the run's own start.
-std::string BareFirst(const std::string& track) { return FragmentId(track, 0); }
-
 }  // namespace
 
 void MeasureFirstFragment(Report& report) {
@@ -39,8 +36,8 @@ void MeasureFirstFragment(Report& report) {
         run.Fetch(sound ? FragmentId(bare.tracks.audio, 0) : video);
       });
     };
-    const auto bare_video = [&] { return SecondsToFile(bare.argv, BareFirst(bare.tracks.video)); };
-    const auto bare_audio = [&] { return SecondsToFile(bare.argv, BareFirst(bare.tracks.audio)); };
+    const auto bare_video = [&] { return SecondsToFile(bare.argv, bare.tracks.video); };
+    const auto bare_audio = [&] { return SecondsToFile(bare.argv, bare.tracks.audio); };
     const std::vector<Candidate> candidates = {
         bare_video, [&] { return fetch(false); }, bare_video,
         bare_audio, [&] { return fetch(true); },  bare_audio};
@@ -71,7 +68,7 @@ void MeasureFarFragment(Report& report) {
       if (!run.stream().IsFFmpegRun()) Fail("the old run is over");
       return SecondsOf([&] { run.Fetch(far); });
     };
-    const Candidate stock = [&] { return SecondsToFile(bare.argv, BareFirst(bare.tracks.video)); };
+    const Candidate stock = [&] { return SecondsToFile(bare.argv, bare.tracks.video); };
     const std::vector<Candidate> candidates = {stock, engine, stock};
     WarmUp(candidates);
     const std::vector<Samples> taken = Alternate(kRounds, candidates);

@@ -51,7 +51,7 @@ std::string FragmentId(const std::string& track, int seconds) {
 SmoothRun::SmoothRun(const SmoothRequest& request)
     : stream_(
           std::make_unique<SmoothStream>(PrepareStream("SS", request.file, request.profile_key))) {
-  if (stream_->Init(WebRequest("ss"), Json::Value(Json::objectValue), "", "aac")) return;
+  if (stream_->Init(WebRequest("ss"), Json::Value(Json::objectValue), "", "")) return;
   Fail(request.file + ": Init refused: " + stream_->GetErrorString());
 }
 
