@@ -26,7 +26,7 @@ namespace test {
 inline const std::string kStub = TARN_TEST_BIN "/tests/bin/stub";
 
 // "Does not hang": far beyond anything that is expected.
-constexpr int64_t kPatienceMs = 20'000;
+constexpr int64_t kPatienceMs = 40'000;
 
 inline std::vector<std::string> g_log;
 
