@@ -1,0 +1,265 @@
+#include "transcoder/gst/branch.h"
+
+#include <gst/video/video.h>
+
+#include <algorithm>
+
+#include "transcoder/gst/plugins.h"
+
+namespace tarn::gst {
+namespace {
+
+constexpr int kBufferOrEvent = GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM;
+
+// More pictures than any decoder holds back.
+constexpr size_t kMostInDecoder = 64;
+
+bool IsBuffer(const GstPadProbeInfo* info) {
+  return (GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_BUFFER) != 0;
+}
+
+// Since the source's start.
+int64_t TimeOf(const GstBuffer* buffer) {
+  const GstClockTime time =
+      GST_BUFFER_PTS_IS_VALID(buffer) ? GST_BUFFER_PTS(buffer) : GST_BUFFER_DTS(buffer);
+  return static_cast<int64_t>(time) - kLeadNs;
+}
+
+bool HasTime(const GstBuffer* buffer) {
+  return GST_BUFFER_PTS_IS_VALID(buffer) || GST_BUFFER_DTS_IS_VALID(buffer);
+}
+
+// Running times count as the source's output does, whatever offset an encoder puts on its stamps.
+GstClockTime RunningTime(const GstSegment& segment, GstClockTime time, int64_t earlier_by) {
+  if (!GST_CLOCK_TIME_IS_VALID(time)) return time;
+  guint64 running = 0;
+  const int sign = gst_segment_to_running_time_full(&segment, GST_FORMAT_TIME, time, &running);
+  const int64_t result = (sign < 0 ? -1 : 1) * static_cast<int64_t>(running) - earlier_by;
+  return static_cast<GstClockTime>(std::max<int64_t>(result, 0));
+}
+
+}  // namespace
+
+template <Branch::Handler handler>
+void Branch::Watch(GstElement* element, const char* pad_name, int types) {
+  const ObjectPtr<GstPad> pad(gst_element_get_static_pad(element, pad_name));
+  gst_pad_add_probe(
+      pad.get(), static_cast<GstPadProbeType>(types),
+      [](GstPad* at, GstPadProbeInfo* info, gpointer self) {
+        return (static_cast<Branch*>(self)->*handler)(at, info);
+      },
+      this, nullptr);
+}
+
+Failure Branch::Build(GstPad* from, GstElement* muxer, bool reorders) {
+  Failure failure;
+  std::vector<Element> line = is_video_ ? plan_.video : plan_.audio;
+  // Something to watch even where everything is copied.
+  if (line.empty()) line.push_back({"identity", {}, ""});
+  for (const Element& wanted : line) {
+    GstElement* element = MakeElement(wanted, failure);
+    if (element == nullptr) return failure;
+    gst_bin_add(GST_BIN(bin_), element);
+    if (wanted.role == "decoder") Watch<&Branch::OnPicture>(element, "src", kBufferOrEvent);
+    if (wanted.role == "decoder" && reorders) {
+      reorders_ = true;
+      Watch<&Branch::OnCoded>(element, "sink", GST_PAD_PROBE_TYPE_BUFFER);
+    }
+    if (wanted.role == "sound") Watch<&Branch::OnSound>(element, "src", kBufferOrEvent);
+    if (wanted.role == "picture") picture_ = element;
+    if (!elements_.empty() && !gst_element_link(elements_.back(), element)) {
+      return {Status::kUnknownCodec, wanted.factory + " does not take what comes before it"};
+    }
+    elements_.push_back(element);
+  }
+  Watch<&Branch::OnPacket>(elements_.back(), "src", kBufferOrEvent);
+  const ObjectPtr<GstPad> out(gst_element_get_static_pad(elements_.back(), "src"));
+  const std::string& name = is_video_ ? plan_.video_pad : plan_.audio_pad;
+  const ObjectPtr<GstPad> in(gst_element_request_pad_simple(muxer, name.c_str()));
+  const ObjectPtr<GstPad> first(gst_element_get_static_pad(elements_.front(), "sink"));
+  if (!in || gst_pad_link(out.get(), in.get()) != GST_PAD_LINK_OK ||
+      gst_pad_link(from, first.get()) != GST_PAD_LINK_OK) {
+    return {Status::kUnknownCodec, std::string("the ") + (is_video_ ? "video" : "sound") +
+                                       " does not fit into " + plan_.muxer.factory};
+  }
+  return {};
+}
+
+void Branch::Start() {
+  for (auto element = elements_.rbegin(); element != elements_.rend(); ++element) {
+    gst_element_sync_state_with_parent(*element);
+  }
+}
+
+// The size of what is encoded follows the first frame; later ones are scaled to the same.
+void Branch::SetPicture(GstEvent* event) {
+  GstCaps* caps = nullptr;
+  gst_event_parse_caps(event, &caps);
+  GstVideoInfo info;
+  if (picture_ == nullptr || !gst_video_info_from_caps(&info, caps)) return;
+  const Picture picture =
+      FitPicture({info.width, info.height, info.par_n, info.par_d}, options_.box, plan_.turned);
+  const MiniPtr<GstCaps> wanted(gst_caps_new_simple(
+      "video/x-raw", "format", G_TYPE_STRING, plan_.picture_format.c_str(), "width", G_TYPE_INT,
+      picture.width, "height", G_TYPE_INT, picture.height, "pixel-aspect-ratio", GST_TYPE_FRACTION,
+      picture.pixel_width, picture.pixel_height, nullptr));
+  g_object_set(picture_, "caps", wanted.get(), nullptr);
+  picture_ = nullptr;
+}
+
+GstPadProbeReturn Branch::OnCoded(GstPad*, GstPadProbeInfo* info) {
+  const GstBuffer* coded = GST_PAD_PROBE_INFO_BUFFER(info);
+  const std::lock_guard<std::mutex> lock(mutex_);
+  decoding_times_.push_back(GST_BUFFER_DTS_IS_VALID(coded) ? GST_BUFFER_DTS(coded)
+                                                           : GST_BUFFER_PTS(coded));
+  // Some pictures never come out.
+  if (decoding_times_.size() > kMostInDecoder) decoding_times_.pop_front();
+  return GST_PAD_PROBE_OK;
+}
+
+// Pictures come out in the order in which they are shown, so their times are the decoding times in
+// order.
+void Branch::SetShownTime(GstPadProbeInfo* info) {
+  GstBuffer* frame = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(info));
+  GST_PAD_PROBE_INFO_DATA(info) = frame;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (decoding_times_.empty()) return;
+  GST_BUFFER_PTS(frame) = decoding_times_.front();
+  decoding_times_.pop_front();
+}
+
+GstPadProbeReturn Branch::OnPicture(GstPad* pad, GstPadProbeInfo* info) {
+  if (!IsBuffer(info)) {
+    GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
+    if (GST_EVENT_TYPE(event) == GST_EVENT_CAPS) SetPicture(event);
+    return GST_PAD_PROBE_OK;
+  }
+  if (reorders_) SetShownTime(info);
+  const GstBuffer* frame = GST_PAD_PROBE_INFO_BUFFER(info);
+  if (!HasTime(frame)) return GST_PAD_PROBE_DROP;
+  const int64_t time = TimeOf(frame);
+  if (!Belongs(time, times_.start)) return GST_PAD_PROBE_DROP;
+  if (last_picture_ && time <= *last_picture_) return GST_PAD_PROBE_DROP;
+  const int64_t place = GridPlace(time, options_.keyframe_interval_ns);
+  // The encoder makes the first one a keyframe by itself.
+  if (last_picture_ && place != last_place_) {
+    const GstClockTime at = GST_BUFFER_PTS(frame);
+    gst_pad_push_event(pad, gst_video_event_new_downstream_force_key_unit(at, at, at, TRUE, 0));
+  }
+  last_picture_ = time;
+  last_place_ = place;
+  return GST_PAD_PROBE_OK;
+}
+
+void Branch::SetSound(GstEvent* event) {
+  GstCaps* caps = nullptr;
+  gst_event_parse_caps(event, &caps);
+  const GstStructure* structure = gst_caps_get_structure(caps, 0);
+  int channels = 0;
+  gst_structure_get_int(structure, "channels", &channels);
+  sample_size_ = sizeof(float) * static_cast<size_t>(channels);
+  int rate = 0;
+  gst_structure_get_int(structure, "rate", &rate);
+  if (rate == rate_) return;
+  rate_ = rate;
+  const SoundFrames frames = FramesOf(plan_.audio_codec, rate);
+  padding_ = frames.padding * kSecondNs / rate;
+  grid_.emplace(FirstSample(times_.start, rate, frames), rate);
+}
+
+int64_t Branch::SampleAt(int64_t time) const {
+  return time / kSecondNs * rate_ + (time % kSecondNs * rate_ + kSecondNs / 2) / kSecondNs;
+}
+
+GstClockTime Branch::TimeOfSample(int64_t sample) const {
+  return static_cast<GstClockTime>(kLeadNs + sample / rate_ * kSecondNs +
+                                   sample % rate_ * kSecondNs / rate_);
+}
+
+// A second at a time: nobody knows how long a gap is.
+void Branch::PushSilence(GstPad* pad, const SoundGrid::Fit& fit) {
+  in_silence_ = true;
+  for (int64_t done = 0; done < fit.silence && !times_.stopping;) {
+    const int64_t count = std::min<int64_t>(fit.silence - done, rate_);
+    const size_t size = static_cast<size_t>(count) * sample_size_;
+    GstBuffer* silence = gst_buffer_new_allocate(nullptr, size, nullptr);
+    gst_buffer_memset(silence, 0, 0, size);
+    GST_BUFFER_PTS(silence) = TimeOfSample(fit.at + done);
+    GST_BUFFER_DURATION(silence) =
+        TimeOfSample(fit.at + done + count) - TimeOfSample(fit.at + done);
+    done += count;
+    if (gst_pad_push(pad, silence) != GST_FLOW_OK) break;
+  }
+  in_silence_ = false;
+}
+
+GstPadProbeReturn Branch::OnSound(GstPad* pad, GstPadProbeInfo* info) {
+  if (!IsBuffer(info)) {
+    GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
+    if (GST_EVENT_TYPE(event) == GST_EVENT_CAPS) SetSound(event);
+    if (GST_EVENT_TYPE(event) != GST_EVENT_GAP || !grid_) return GST_PAD_PROBE_OK;
+    GstClockTime time = GST_CLOCK_TIME_NONE;
+    GstClockTime duration = GST_CLOCK_TIME_NONE;
+    gst_event_parse_gap(event, &time, &duration);
+    if (GST_CLOCK_TIME_IS_VALID(time)) {
+      if (GST_CLOCK_TIME_IS_VALID(duration)) time += duration;
+      const int64_t end = static_cast<int64_t>(time) - kLeadNs;
+      PushSilence(pad, grid_->FillTo(SampleAt(end)));
+    }
+    return GST_PAD_PROBE_DROP;
+  }
+  GstBuffer* sound = GST_PAD_PROBE_INFO_BUFFER(info);
+  if (in_silence_) return GST_PAD_PROBE_OK;
+  if (!grid_ || !HasTime(sound)) return GST_PAD_PROBE_DROP;
+  const int64_t count = static_cast<int64_t>(gst_buffer_get_size(sound) / sample_size_);
+  const SoundGrid::Fit fit = grid_->Place(SampleAt(TimeOf(sound)), count);
+  PushSilence(pad, fit);
+  if (fit.drop == count) return GST_PAD_PROBE_DROP;
+  GstBuffer* rest = gst_buffer_copy_region(
+      sound, static_cast<GstBufferCopyFlags>(GST_BUFFER_COPY_FLAGS | GST_BUFFER_COPY_MEMORY),
+      static_cast<gsize>(fit.drop) * sample_size_,
+      static_cast<gsize>(count - fit.drop) * sample_size_);
+  const int64_t begin = fit.at + fit.silence;
+  GST_BUFFER_PTS(rest) = TimeOfSample(begin);
+  GST_BUFFER_DURATION(rest) = TimeOfSample(begin + count - fit.drop) - TimeOfSample(begin);
+  GST_BUFFER_FLAG_UNSET(rest, GST_BUFFER_FLAG_DISCONT | GST_BUFFER_FLAG_RESYNC);
+  gst_buffer_unref(sound);
+  GST_PAD_PROBE_INFO_DATA(info) = rest;
+  return GST_PAD_PROBE_OK;
+}
+
+GstPadProbeReturn Branch::OnPacket(GstPad* pad, GstPadProbeInfo* info) {
+  if (!IsBuffer(info)) {
+    GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
+    if (GST_EVENT_TYPE(event) == GST_EVENT_TAG) return GST_PAD_PROBE_DROP;
+    if (GST_EVENT_TYPE(event) != GST_EVENT_SEGMENT) return GST_PAD_PROBE_OK;
+    const GstSegment* own = nullptr;
+    gst_event_parse_segment(event, &own);
+    gst_segment_copy_into(own, &packet_segment_);
+    GstSegment segment;
+    gst_segment_init(&segment, GST_FORMAT_TIME);
+    segment.start = static_cast<guint64>(times_.written_from);
+    segment.position = segment.start;
+    gst_event_unref(event);
+    GST_PAD_PROBE_INFO_DATA(info) = gst_event_new_segment(&segment);
+    return GST_PAD_PROBE_OK;
+  }
+  if (times_.stopping) {
+    if (!ended_) gst_pad_push_event(pad, gst_event_new_eos());
+    ended_ = true;
+    return GST_PAD_PROBE_DROP;
+  }
+  GstBuffer* packet = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(info));
+  GST_PAD_PROBE_INFO_DATA(info) = packet;
+  GST_BUFFER_PTS(packet) = RunningTime(packet_segment_, GST_BUFFER_PTS(packet), padding_);
+  GST_BUFFER_DTS(packet) = RunningTime(packet_segment_, GST_BUFFER_DTS(packet), padding_);
+  if (!HasTime(packet) || !Belongs(TimeOf(packet), times_.start)) return GST_PAD_PROBE_DROP;
+  if (is_video_ && !has_key_) {
+    if (GST_BUFFER_FLAG_IS_SET(packet, GST_BUFFER_FLAG_DELTA_UNIT)) return GST_PAD_PROBE_DROP;
+    has_key_ = true;
+  }
+  ++packets_;
+  return GST_PAD_PROBE_OK;
+}
+
+}  // namespace tarn::gst

@@ -1,0 +1,84 @@
+// One track's way from the source to the multiplexer, and what the run does to it on its way. All
+// of it runs in GStreamer's threads.
+#pragma once
+
+#include <gst/gst.h>
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "transcoder/gst/handles.h"
+#include "transcoder/gst/plan.h"
+#include "transcoder/gst/timeline.h"
+
+namespace tarn::gst {
+
+// What both branches share; times since the source's start.
+struct RunTimes {
+  int64_t start = 0;         // frames before it do not belong to the run
+  int64_t written_from = 0;  // see WrittenFrom
+  std::atomic<bool> stopping{false};
+};
+
+class Branch {
+ public:
+  Branch(GstElement* bin, const Options& options, const Plan& plan, RunTimes& times, bool is_video)
+      : bin_(bin), options_(options), plan_(plan), times_(times), is_video_(is_video) {}
+  Branch(const Branch&) = delete;
+  Branch& operator=(const Branch&) = delete;
+
+  // Makes the elements and links them between the source's pad and the multiplexer.
+  // `reorders`: pictures come with decoding times, see TimeStamps::kDecoding.
+  Failure Build(GstPad* from, GstElement* muxer, bool reorders);
+  void Start();
+  // So many packets have gone to the multiplexer.
+  uint64_t packets() const { return packets_; }
+
+ private:
+  using Handler = GstPadProbeReturn (Branch::*)(GstPad*, GstPadProbeInfo*);
+
+  template <Handler handler>
+  void Watch(GstElement* element, const char* pad_name, int types);
+
+  GstPadProbeReturn OnCoded(GstPad* pad, GstPadProbeInfo* info);
+  GstPadProbeReturn OnPicture(GstPad* pad, GstPadProbeInfo* info);
+  GstPadProbeReturn OnSound(GstPad* pad, GstPadProbeInfo* info);
+  GstPadProbeReturn OnPacket(GstPad* pad, GstPadProbeInfo* info);
+  void SetShownTime(GstPadProbeInfo* info);
+  void SetPicture(GstEvent* event);
+  void SetSound(GstEvent* event);
+  void PushSilence(GstPad* pad, const SoundGrid::Fit& fit);
+  int64_t SampleAt(int64_t time) const;
+  GstClockTime TimeOfSample(int64_t sample) const;
+
+  GstElement* bin_;
+  const Options& options_;
+  const Plan& plan_;
+  RunTimes& times_;
+  const bool is_video_;
+  std::vector<GstElement*> elements_;  // the bin's
+  GstElement* picture_ = nullptr;
+  // Pictures.
+  bool reorders_ = false;
+  std::mutex mutex_;
+  std::deque<GstClockTime> decoding_times_;  // of pictures that have not come out yet
+  std::optional<int64_t> last_picture_;
+  int64_t last_place_ = -1;
+  bool has_key_ = false;
+  // Sound.
+  std::optional<SoundGrid> grid_;
+  int rate_ = 0;
+  size_t sample_size_ = 0;
+  bool in_silence_ = false;
+  // Packets.
+  GstSegment packet_segment_ = {};
+  std::atomic<int64_t> padding_{0};  // by which the encoder is late, in nanoseconds
+  std::atomic<uint64_t> packets_{0};
+  bool ended_ = false;
+};
+
+}  // namespace tarn::gst
