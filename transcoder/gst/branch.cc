@@ -3,6 +3,7 @@
 #include <gst/video/video.h>
 
 #include <algorithm>
+#include <chrono>
 
 #include "transcoder/gst/plugins.h"
 
@@ -13,6 +14,8 @@ constexpr int kBufferOrEvent = GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EV
 
 // More pictures than any decoder holds back.
 constexpr size_t kMostInDecoder = 64;
+
+constexpr std::chrono::seconds kPatience(5);
 
 bool IsBuffer(const GstPadProbeInfo* info) {
   return (GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_BUFFER) != 0;
@@ -38,7 +41,28 @@ GstClockTime RunningTime(const GstSegment& segment, GstClockTime time, int64_t e
   return static_cast<GstClockTime>(std::max<int64_t>(result, 0));
 }
 
+GstClockTime Written(GstClockTime time, int64_t from, bool ticks) {
+  if (!GST_CLOCK_TIME_IS_VALID(time)) return time;
+  const int64_t written = std::max<int64_t>(static_cast<int64_t>(time) - from, 0);
+  return static_cast<GstClockTime>(ticks ? OnTick(written) : written);
+}
+
 }  // namespace
+
+void RunTimes::SetPicture(int64_t time) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (!sound_from_) sound_from_ = SoundFrom(start, time);
+  known_.notify_all();
+}
+
+bool RunTimes::SoundBelongs(int64_t time) {
+  if (!Belongs(time, start)) return false;
+  if (start == 0 || time > start + kNearNs) return true;
+  std::unique_lock<std::mutex> lock(mutex_);
+  // The demuxer may be waiting for this very sound to be taken before it goes on to a picture.
+  known_.wait_for(lock, kPatience, [&] { return sound_from_.has_value() || stopping.load(); });
+  return Belongs(time, sound_from_.value_or(start));
+}
 
 template <Branch::Handler handler>
 void Branch::Watch(GstElement* element, const char* pad_name, int types) {
@@ -146,6 +170,7 @@ GstPadProbeReturn Branch::OnPicture(GstPad* pad, GstPadProbeInfo* info) {
     const GstClockTime at = GST_BUFFER_PTS(frame);
     gst_pad_push_event(pad, gst_video_event_new_downstream_force_key_unit(at, at, at, TRUE, 0));
   }
+  if (!last_picture_) times_.SetPicture(time);
   last_picture_ = time;
   last_place_ = place;
   return GST_PAD_PROBE_OK;
@@ -232,16 +257,15 @@ GstPadProbeReturn Branch::OnPacket(GstPad* pad, GstPadProbeInfo* info) {
   if (!IsBuffer(info)) {
     GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
     if (GST_EVENT_TYPE(event) == GST_EVENT_TAG) return GST_PAD_PROBE_DROP;
+    if (GST_EVENT_TYPE(event) == GST_EVENT_EOS && is_video_) times_.SetPicture(times_.start);
     if (GST_EVENT_TYPE(event) != GST_EVENT_SEGMENT) return GST_PAD_PROBE_OK;
     const GstSegment* own = nullptr;
     gst_event_parse_segment(event, &own);
     gst_segment_copy_into(own, &packet_segment_);
-    GstSegment segment;
-    gst_segment_init(&segment, GST_FORMAT_TIME);
-    segment.start = static_cast<guint64>(times_.written_from);
-    segment.position = segment.start;
+    GstSegment plain;
+    gst_segment_init(&plain, GST_FORMAT_TIME);
     gst_event_unref(event);
-    GST_PAD_PROBE_INFO_DATA(info) = gst_event_new_segment(&segment);
+    GST_PAD_PROBE_INFO_DATA(info) = gst_event_new_segment(&plain);
     return GST_PAD_PROBE_OK;
   }
   if (times_.stopping) {
@@ -253,11 +277,19 @@ GstPadProbeReturn Branch::OnPacket(GstPad* pad, GstPadProbeInfo* info) {
   GST_PAD_PROBE_INFO_DATA(info) = packet;
   GST_BUFFER_PTS(packet) = RunningTime(packet_segment_, GST_BUFFER_PTS(packet), padding_);
   GST_BUFFER_DTS(packet) = RunningTime(packet_segment_, GST_BUFFER_DTS(packet), padding_);
-  if (!HasTime(packet) || !Belongs(TimeOf(packet), times_.start)) return GST_PAD_PROBE_DROP;
+  if (!HasTime(packet)) return packets_ == 0 ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
+  const int64_t time = TimeOf(packet);
+  if (!(is_video_ ? Belongs(time, times_.start) : times_.SoundBelongs(time))) {
+    return GST_PAD_PROBE_DROP;
+  }
   if (is_video_ && !has_key_) {
     if (GST_BUFFER_FLAG_IS_SET(packet, GST_BUFFER_FLAG_DELTA_UNIT)) return GST_PAD_PROBE_DROP;
     has_key_ = true;
+    times_.SetPicture(time);
   }
+  const bool ticks = options_.container == Container::kMpegTs;
+  GST_BUFFER_PTS(packet) = Written(GST_BUFFER_PTS(packet), times_.written_from, ticks);
+  GST_BUFFER_DTS(packet) = Written(GST_BUFFER_DTS(packet), times_.written_from, ticks);
   ++packets_;
   return GST_PAD_PROBE_OK;
 }

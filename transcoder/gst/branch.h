@@ -5,6 +5,7 @@
 #include <gst/gst.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <mutex>
@@ -18,10 +19,22 @@
 namespace tarn::gst {
 
 // What both branches share; times since the source's start.
-struct RunTimes {
+class RunTimes {
+ public:
   int64_t start = 0;         // frames before it do not belong to the run
   int64_t written_from = 0;  // see WrittenFrom
   std::atomic<bool> stopping{false};
+
+  // The run's first picture has this time; without one, sound begins at the start.
+  void SetPicture(int64_t time);
+  // The sound of this time belongs to the run. Waits for the first picture where it depends on that
+  // one.
+  bool SoundBelongs(int64_t time);
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable known_;
+  std::optional<int64_t> sound_from_;
 };
 
 class Branch {

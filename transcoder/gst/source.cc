@@ -423,9 +423,10 @@ GstPadProbeReturn Source::MapEvent(Track& track, GstPadProbeInfo* info) {
       GstClockTime time = GST_CLOCK_TIME_NONE;
       GstClockTime duration = GST_CLOCK_TIME_NONE;
       gst_event_parse_gap(event, &time, &duration);
-      const GstClockTime mapped = Mapped(track, time);
+      const GstClockTime begin = Mapped(track, time);
+      if (GST_CLOCK_TIME_IS_VALID(duration)) duration = Mapped(track, time + duration) - begin;
       gst_event_unref(event);
-      GST_PAD_PROBE_INFO_DATA(info) = gst_event_new_gap(mapped, duration);
+      GST_PAD_PROBE_INFO_DATA(info) = gst_event_new_gap(begin, duration);
       return GST_PAD_PROBE_OK;
     }
     // A turned picture comes out upright, and titles are nobody's business.

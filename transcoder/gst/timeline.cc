@@ -11,6 +11,13 @@ int64_t WrittenFrom(const Options& options, int64_t first) {
   return kLeadNs + (options.shift ? 0 : std::min(options.start_ns, first));
 }
 
+int64_t OnTick(int64_t time) {
+  // A tick has 100,000 / 9 nanoseconds.
+  const int64_t seconds = time / kSecondNs;
+  const int64_t ticks = (time % kSecondNs * 9 + 50'000) / 100'000;
+  return seconds * kSecondNs + (ticks * 100'000 + 8) / 9;
+}
+
 SoundFrames FramesOf(AudioCodec codec, int sample_rate) {
   switch (codec) {
     case AudioCodec::kAac:

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "transcoder/gst/options.h"
+#include "transcoder/media/launcher_clock.h"
 
 namespace tarn::gst {
 
@@ -19,10 +20,18 @@ inline constexpr int64_t kToleranceNs = 500'000;
 inline constexpr int64_t kSoundLeadNs = 100'000'000;
 // Added to every time inside the pipeline, so that decoding times before the source's start and
 // keyframes before a run's start are not negative.
-inline constexpr int64_t kLeadNs = 300 * kSecondNs;
+inline constexpr int64_t kLeadNs = media::kLauncherRoomS * kSecondNs;
 
 // The frame is part of a run that begins at `start`.
 constexpr bool Belongs(int64_t time, int64_t start) { return time >= start - kToleranceNs; }
+
+// Sound before a run's first picture belongs to the run before, where a picture is near.
+inline constexpr int64_t kNearNs = 200'000'000;
+
+// The time from which sound belongs to a run, by the run's start and its first picture.
+constexpr int64_t SoundFrom(int64_t start, int64_t picture) {
+  return start > 0 && picture > start && picture - start <= kNearNs ? picture : start;
+}
 
 // The place of the keyframe grid at or before a time.
 constexpr int64_t GridPlace(int64_t time, int64_t interval) {
@@ -34,6 +43,10 @@ constexpr int64_t GridPlace(int64_t time, int64_t interval) {
 // MPEG-TS the lead stays, and the multiplexer adds an hour of its own. `first` is the time of the
 // first packet, which for a copy lies before the start.
 int64_t WrittenFrom(const Options& options, int64_t first);
+
+// The first nanosecond of the nearest tick of MPEG-TS: the multiplexer cuts fractions off, and one
+// and the same time must become the same tick in every run.
+int64_t OnTick(int64_t time);
 
 // Frames of encoded sound lie on a grid that begins at the source's start.
 struct SoundFrames {

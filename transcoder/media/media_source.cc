@@ -6,6 +6,7 @@
 #include "base/file_io.h"
 #include "base/media_time.h"
 #include "base/text.h"
+#include "transcoder/media/launcher_clock.h"
 
 extern "C" {
 #include <libavutil/avutil.h>
@@ -28,6 +29,14 @@ int ReadDescriptor(void* opaque, uint8_t* buffer, int size) {
   const ssize_t count = ReadRetry(*static_cast<const int*>(opaque), buffer, size);
   if (count < 0) return AVERROR(errno);
   return count == 0 ? AVERROR_EOF : static_cast<int>(count);
+}
+
+// The time stamp that stands for the start of another transcoder's run. The launcher's is known,
+// whether anything lies exactly there or not; of others it is the first one.
+Ticks StartOfRun(Ticks first) {
+  constexpr Ticks kStart = kLauncherStartS * kTicksPerSecond;
+  constexpr Ticks kRoom = kLauncherRoomS * kTicksPerSecond;
+  return first >= kStart - kRoom && first <= kStart + kRoom ? kStart : first;
 }
 
 }  // namespace
@@ -101,7 +110,7 @@ bool MediaSource::OpenTransport(int fd, Ticks start, std::string& error) {
     return false;
   }
   if (context_->start_time != AV_NOPTS_VALUE) {
-    origin_ = av_rescale_q(context_->start_time, AV_TIME_BASE_Q, kTickBase);
+    origin_ = StartOfRun(av_rescale_q(context_->start_time, AV_TIME_BASE_Q, kTickBase));
   }
   origin_ -= start;
   return true;
