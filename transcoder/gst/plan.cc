@@ -61,6 +61,17 @@ Element Handover() {
       "queue", {{"max-size-buffers", "4"}, {"max-size-bytes", "0"}, {"max-size-time", "0"}}, ""};
 }
 
+// Parameter sets come with every keyframe, since a segment may begin there, and decoding times
+// where the source keeps none. `boxed` is the format of the containers that keep parameter sets
+// apart.
+void AddCopy(const std::string& codec, const std::string& boxed, Container container, Plan& plan) {
+  const bool stream = container == Container::kMpegTs;
+  plan.video.push_back({codec + "parse", {{"config-interval", "-1"}}, ""});
+  plan.video.push_back(
+      Caps("video/x-" + codec + ",alignment=au,stream-format=" + (stream ? "byte-stream" : boxed)));
+  plan.video.push_back({codec + "timestamper", {}, ""});
+}
+
 Failure PlanVideo(const Options& options, const Tracks& tracks, const std::string& h264_encoder,
                   Plan& plan) {
   if (plan.video_codec == VideoCodec::kCopy) {
@@ -68,12 +79,8 @@ Failure PlanVideo(const Options& options, const Tracks& tracks, const std::strin
       return {Status::kUnknownCodec, std::string(ContainerName(options.container)) +
                                          " cannot hold a copy of " + tracks.video->name};
     }
-    // Parameter sets with every keyframe: a segment may begin there.
-    if (tracks.video->name == "video/x-h264") {
-      plan.video.push_back({"h264parse", {{"config-interval", "-1"}}, ""});
-    } else if (tracks.video->name == "video/x-h265") {
-      plan.video.push_back({"h265parse", {{"config-interval", "-1"}}, ""});
-    }
+    if (tracks.video->name == "video/x-h264") AddCopy("h264", "avc", options.container, plan);
+    if (tracks.video->name == "video/x-h265") AddCopy("h265", "hvc1", options.container, plan);
     return {};
   }
   const bool h264 = plan.video_codec == VideoCodec::kH264;

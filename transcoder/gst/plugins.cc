@@ -37,6 +37,8 @@ constexpr PluginRow kPlugins[] = {
     {"oggdemux", "ogg"},
     {"h264parse", "videoparsersbad"},
     {"h265parse", "videoparsersbad"},
+    {"h264timestamper", "codectimestamper"},
+    {"h265timestamper", "codectimestamper"},
     {"mpegvideoparse", "videoparsersbad"},
     {"mpeg4videoparse", "videoparsersbad"},
     {"av1parse", "videoparsersbad"},

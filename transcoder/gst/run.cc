@@ -87,31 +87,39 @@ class Run {
     return failure.happened() ? failure : FindStart();
   }
 
+  Failure FindStart() {
+    int64_t start = options_.start_ns;
+    if (plan_.video_codec == VideoCodec::kCopy) {
+      Failure failure = FindKeyframe(start);
+      if (failure.happened()) return failure;
+    }
+    times_.start = start;
+    times_.written_from = WrittenFrom(options_, start);
+    return start > 0 ? SeekBefore(start, kDecodeLeadNs) : Failure{};
+  }
+
+  // The last keyframe at or before a time, which is set to its.
+  Failure FindKeyframe(int64_t& start) {
+    Failure failure;
+    if (start > 0) failure = SeekBefore(start, 0);
+    if (!failure.happened()) failure = Until([&] { return source_->ReadUpTo(start); });
+    if (!failure.happened()) start = source_->KeyBefore(start).value_or(start);
+    return failure;
+  }
+
   // Positions found by containers are only rough, some without regard to keyframes: what comes
   // tells whether the keyframe that is needed lies behind it.
-  Failure FindStart() {
-    const bool copies = plan_.video_codec == VideoCodec::kCopy;
-    const int64_t wanted = options_.start_ns;
-    std::optional<int64_t> key;
-    for (int64_t back = copies ? 0 : kDecodeLeadNs; wanted > 0; back = back * 4 + kSecondNs) {
-      const int64_t from = std::max<int64_t>(wanted - back, 0);
-      if (!source_->Seek(from)) {
-        if (from > 0) continue;
+  Failure SeekBefore(int64_t time, int64_t back) {
+    for (;; back = back * 4 + kSecondNs) {
+      const int64_t from = std::max<int64_t>(time - back, 0);
+      if (source_->Seek(from)) {
+        Failure failure = Until([&] { return source_->FirstKeyKnown(); });
+        if (failure.happened()) return failure;
+        if (from == 0 || source_->KeyBefore(time)) return {};
+      } else if (from == 0) {
         return {Status::kFailed, options_.input + ": cannot be searched"};
       }
-      Failure failure = Until([&] { return source_->FirstKeyKnown(); });
-      if (failure.happened()) return failure;
-      key = source_->first_key();
-      if ((key && Belongs(wanted, *key)) || from == 0) break;
     }
-    if (copies && wanted == 0) {
-      Failure failure = Until([&] { return source_->FirstKeyKnown(); });
-      if (failure.happened()) return failure;
-      key = source_->first_key();
-    }
-    times_.start = copies && key ? std::min(*key, wanted) : wanted;
-    times_.written_from = WrittenFrom(options_, times_.start);
-    return {};
   }
 
   Failure Write() {
@@ -143,7 +151,7 @@ class Run {
     source_->Release();
     failure = Until([&] { return ended_; });
     const uint64_t packets = video_->packets() + (audio_ ? audio_->packets() : 0);
-    if (packets == 0 && (!failure.happened() || failure.status == Status::kFailed)) {
+    if (packets == 0 && !failure.happened()) {
       return {Status::kBehindTheEnd, options_.input + ": there is no picture at the start"};
     }
     return failure;

@@ -264,7 +264,8 @@ void Source::NoteEvent(Track& track, GstEvent* event) {
         track.ended = false;
         if (&track == video_) {
           flush_awaited_ = false;
-          key_.reset();
+          keys_.clear();
+          parsed_ = INT64_MIN;
         }
         break;
       case GST_EVENT_EOS:
@@ -302,13 +303,14 @@ GstPadProbeReturn Source::OnParsed(GstPad*, GstPadProbeInfo* info, gpointer data
   auto* track = static_cast<Track*>(data);
   Source& source = *track->source;
   const GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
-  if (GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT)) return GST_PAD_PROBE_OK;
   const GstClockTime time = TimeOf(buffer);
   if (!GST_CLOCK_TIME_IS_VALID(time)) return GST_PAD_PROBE_OK;
   {
     const Lock lock(source.mutex_);
-    if (source.key_ || source.flush_awaited_) return GST_PAD_PROBE_OK;
-    source.key_ = source.TimeIn(track->segment, time);
+    if (source.released_ || source.flush_awaited_) return GST_PAD_PROBE_OK;
+    const int64_t at = source.TimeIn(track->segment, time);
+    source.parsed_ = std::max(source.parsed_, at);
+    if (!GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT)) source.keys_.push_back(at);
   }
   source.Wake();
   return GST_PAD_PROBE_OK;
@@ -372,16 +374,30 @@ bool Source::Seek(int64_t time) {
 
 bool Source::FirstKeyKnown() {
   const Lock lock(mutex_);
-  return !flush_awaited_ && (key_.has_value() || video_->ended);
+  return !flush_awaited_ && (!keys_.empty() || video_->ended);
 }
 
-std::optional<int64_t> Source::first_key() {
+bool Source::ReadUpTo(int64_t time) {
+  g_object_set(video_->queue.get(), "max-size-time", static_cast<guint64>(0), nullptr);
   const Lock lock(mutex_);
-  if (!key_) return std::nullopt;
-  return *key_ - origin_;
+  // Pictures are not stored in their order.
+  return parsed_ - origin_ > time + kSecondNs || video_->ended;
+}
+
+std::optional<int64_t> Source::KeyBefore(int64_t time) {
+  const Lock lock(mutex_);
+  std::optional<int64_t> last;
+  for (const int64_t key : keys_) {
+    if (Belongs(time, key - origin_)) last = std::max(last.value_or(INT64_MIN), key - origin_);
+  }
+  return last;
 }
 
 void Source::Release() {
+  {
+    const Lock lock(mutex_);
+    released_ = true;
+  }
   for (Track* track : {video_, audio_}) {
     if (track != nullptr) gst_pad_remove_probe(track->out.get(), track->block);
   }
@@ -402,6 +418,9 @@ GstPadProbeReturn Source::OnOutput(GstPad*, GstPadProbeInfo* info, gpointer data
   GstBuffer* buffer = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(info));
   GST_BUFFER_PTS(buffer) = source.Mapped(*track, GST_BUFFER_PTS(buffer));
   GST_BUFFER_DTS(buffer) = source.Mapped(*track, GST_BUFFER_DTS(buffer));
+  // A copy cannot do better.
+  const bool untimed = source.reader_.times == TimeStamps::kDecoding;
+  if (untimed && !GST_BUFFER_PTS_IS_VALID(buffer)) GST_BUFFER_PTS(buffer) = GST_BUFFER_DTS(buffer);
   GST_PAD_PROBE_INFO_DATA(info) = buffer;
   return GST_PAD_PROBE_OK;
 }

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "transcoder/gst/handles.h"
 #include "transcoder/gst/plan.h"
@@ -40,8 +41,10 @@ class Source {
   bool Seek(int64_t time);
   // The first keyframe behind the last Seek, or of all, has come, or the video has ended without.
   bool FirstKeyKnown();
-  // Its time since the source's start.
-  std::optional<int64_t> first_key();
+  // The video has been read up to a time, or to its end; asking makes it read that far.
+  bool ReadUpTo(int64_t time);
+  // The last keyframe that has come and lies at or before a time.
+  std::optional<int64_t> KeyBefore(int64_t time);
 
   // Where the chosen tracks come out; null where there is none. Nothing comes before Release. Time
   // stamps are then times since the source's start plus kLeadNs, and running times as well.
@@ -96,8 +99,11 @@ class Source {
   size_t audio_count_ = 0;
   bool no_more_pads_ = false;
   bool flush_awaited_ = false;
-  std::optional<int64_t> key_;  // on the demuxer's timeline
-  int64_t origin_ = 0;          // the source's start on it
+  bool released_ = false;
+  // Of the video since the last Seek, on the demuxer's timeline.
+  std::vector<int64_t> keys_;
+  int64_t parsed_ = INT64_MIN;
+  int64_t origin_ = 0;  // the source's start on it
   bool origin_known_ = false;
   Failure failure_;
 };
