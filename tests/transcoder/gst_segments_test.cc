@@ -8,6 +8,7 @@
 
 #include "base/file_io.h"
 #include "base/paths.h"
+#include "base/process.h"
 #include "tests/transcoder/launcher.h"
 #include "tests/transcoder/segment_command.h"
 #include "tests/transcoder/segment_reader.h"
@@ -103,10 +104,11 @@ TEST_P(GstSegments, LieWhereTheFrontEndsLie) {
     const std::vector<double> sound = Times(own.at(number).sound);
     const std::vector<double> their_sound = Times(others.at(number).sound);
     ASSERT_GT(sound.size(), 200u);
-    for (size_t i = 1; i + 1 < sound.size(); ++i) {
-      const auto near = std::lower_bound(their_sound.begin(), their_sound.end(), sound[i] - 0.0001);
+    for (const double time : sound) {
+      if (time < sound.front() + 0.1 || time > sound.back() - 0.1) continue;
+      const auto near = std::lower_bound(their_sound.begin(), their_sound.end(), time - 0.0001);
       ASSERT_NE(near, their_sound.end());
-      EXPECT_NEAR(*near, sound[i], 0.0001);
+      EXPECT_NEAR(*near, time, 0.0001);
     }
   }
 }
