@@ -16,6 +16,7 @@ inline constexpr char kFFmpeg41[] = "/var/packages/Orbfold/target/bin/ffmpeg41";
 inline constexpr char kFFmpeg27[] = "/var/packages/Orbfold/target/bin/ffmpeg27";
 inline constexpr char kSegmenter[] = "/var/packages/Orbfold/target/bin/tarn-segmenter";
 inline constexpr char kSmoothPackager[] = "/var/packages/Orbfold/target/bin/tarn-smooth";
+inline constexpr char kGstRegistry[] = "/var/packages/Reelbay/target/share/gst-registry.bin";
 inline constexpr char kGstLaunch[] = "/var/packages/Orbfold/target/bin/gst-launch-1.0";
 inline constexpr char kFactoryLoader[] = "/usr/lib/firmware/rtd1296/factory.bin";
 inline constexpr char kFactoryMarker[] = "/run/tmp/factory/FACTORY";

@@ -11,6 +11,7 @@
 #include "base/process.h"
 #include "transcoder/gst/encoder_choice.h"
 #include "transcoder/gst/options.h"
+#include "transcoder/gst/plugins.h"
 #include "transcoder/gst/run.h"
 
 namespace {
@@ -40,6 +41,11 @@ tarn::gst::Failure ListEncoders() {
   return {};
 }
 
+tarn::gst::Failure MakeRegistry(const std::string& path) {
+  if (tarn::gst::MakeRegistry(path)) return {};
+  return {tarn::gst::Status::kOutputFailed, path + ": the registry cannot be written"};
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -53,8 +59,16 @@ int main(int argc, char** argv) {
   }
   // A stranger's descriptor that stays open here keeps files, pipes and sockets alive.
   tarn::CloseDescriptorsExcept({options.output_fd});
-  const tarn::gst::Failure failure = options.request == tarn::gst::Request::kListEncoders
-                                         ? ListEncoders()
-                                         : tarn::gst::MakeRun(options);
+  tarn::gst::Failure failure;
+  switch (options.request) {
+    case tarn::gst::Request::kListEncoders:
+      failure = ListEncoders();
+      break;
+    case tarn::gst::Request::kMakeRegistry:
+      failure = MakeRegistry(options.registry);
+      break;
+    default:
+      failure = tarn::gst::MakeRun(options);
+  }
   _exit(End(failure));
 }

@@ -127,6 +127,11 @@ bool SetOption(const std::string& name, const std::string& value, Options& optio
     return !value.empty();
   }
   if (name == "-o") return ParseOutput(value, options);
+  if (name == "--make-registry") {
+    options.request = Request::kMakeRegistry;
+    options.registry = value;
+    return !value.empty();
+  }
   if (name == "--aidx") {
     uint64_t index;
     if (!ParseRange(value, 0, INT32_MAX, index)) return false;
@@ -179,7 +184,7 @@ Failure ParseOptions(const std::vector<std::string>& words, Options& options) {
     has_output = has_output || name == "-o";
     ++i;
   }
-  if (options.request == Request::kListEncoders) return {};
+  if (options.request != Request::kRun) return {};
   if (options.input.empty()) return Bad("option -i is missing");
   if (!has_output) return Bad("option -o is missing");
   return {};
@@ -207,6 +212,8 @@ const char kHelp[] =
   --shiftpts          time stamps count from the file's start: the first one is the start position.
                       Without it they count from the start position
   --list-encoders     which H.264 encoders work here, and which one is taken
+  --make-registry PATH  writes what GStreamer's plug-ins hold, for a faster start; once after they
+                      were installed
   --help
 
 Of a repeated option the last one counts. --vb, --size and --keyint do nothing to a copy. In MPEG-TS

@@ -14,7 +14,7 @@ enum class VideoCodec { kH264, kWmv2, kCopy };
 enum class AudioCodec { kAac, kMp3, kAc3, kCopy };
 enum class Container { kMpegTs, kMatroska, kAsf };
 // What the program is asked to do.
-enum class Request { kRun, kHelp, kListEncoders };
+enum class Request { kRun, kHelp, kListEncoders, kMakeRegistry };
 
 struct Box {
   int width = 0;
@@ -23,6 +23,7 @@ struct Box {
 
 struct Options {
   Request request = Request::kRun;
+  std::string registry;  // the file to write, for kMakeRegistry
   int64_t start_ns = 0;  // since the source's start
   std::string input;
   std::string output_path;  // empty where a descriptor is written to

@@ -1,11 +1,13 @@
 #include "transcoder/gst/plugins.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <iterator>
-#include <mutex>
 #include <string_view>
-#include <thread>
 
+#include "base/paths.h"
 #include "transcoder/gst/handles.h"
 
 namespace tarn::gst {
@@ -75,9 +77,7 @@ constexpr PluginRow kPlugins[] = {
 };
 
 constexpr char kLibav[] = "libav";
-
-std::thread g_ahead;
-std::once_flag g_ahead_joined;
+constexpr char kTypeFinders[] = "typefindfunctions";
 
 std::string PluginOf(std::string_view element) {
   const auto row = std::ranges::find(kPlugins, element, &PluginRow::element);
@@ -86,37 +86,66 @@ std::string PluginOf(std::string_view element) {
   return "";
 }
 
-bool LoadFile(const std::string& name) {
-  const std::string path = std::string(TARN_GST_PLUGINS) + "/libgst" + name + ".so";
-  GError* error = nullptr;
-  const ObjectPtr<GstPlugin> plugin(gst_plugin_load_file(path.c_str(), &error));
-  const MiniPtr<GError> owner(error);
-  return plugin != nullptr;
+// The environment is the caller's, and this program may run as root.
+void CleanVariables() {
+  for (const char* name :
+       {"GST_PLUGIN_PATH", "GST_PLUGIN_PATH_1_0", "GST_PLUGIN_SYSTEM_PATH",
+        "GST_PLUGIN_SYSTEM_PATH_1_0", "GST_PLUGIN_SCANNER", "GST_PLUGIN_SCANNER_1_0",
+        "GST_PLUGIN_LOADING_WHITELIST", "GST_PLUGIN_FEATURE_RANK", "GST_REGISTRY",
+        "GST_REGISTRY_1_0", "GST_REGISTRY_UPDATE", "GST_REGISTRY_DISABLE"}) {
+    g_unsetenv(name);
+  }
+}
+
+// A plug-in that was installed or replaced since has changed their folder.
+bool RegistryIsFresh() {
+  struct stat registry = {}, plugins = {};
+  return stat(paths::kGstRegistry, &registry) == 0 && stat(TARN_GST_PLUGINS, &plugins) == 0 &&
+         S_ISREG(registry.st_mode) && registry.st_size > 0 && registry.st_mtime >= plugins.st_mtime;
+}
+
+// A file's type must not depend on what else is installed.
+void KeepOneSetOfTypeFinders() {
+  GstRegistry* registry = gst_registry_get();
+  GList* features = gst_registry_get_feature_list(registry, GST_TYPE_TYPE_FIND_FACTORY);
+  for (GList* at = features; at != nullptr; at = at->next) {
+    auto* feature = GST_PLUGIN_FEATURE(at->data);
+    const std::string_view plugin = gst_plugin_feature_get_plugin_name(feature);
+    if (plugin != kTypeFinders) gst_registry_remove_feature(registry, feature);
+  }
+  gst_plugin_feature_list_free(features);
 }
 
 }  // namespace
 
 bool StartGstreamer() {
-  // The environment is the caller's, and this program may run as root.
-  g_setenv("GST_REGISTRY_DISABLE", "yes", TRUE);
-  for (const char* name : {"GST_PLUGIN_PATH", "GST_PLUGIN_PATH_1_0", "GST_PLUGIN_SYSTEM_PATH",
-                           "GST_PLUGIN_SYSTEM_PATH_1_0", "GST_PLUGIN_LOADING_WHITELIST"}) {
-    g_unsetenv(name);
+  CleanVariables();
+  if (RegistryIsFresh()) {
+    g_setenv("GST_REGISTRY", paths::kGstRegistry, TRUE);
+    g_setenv("GST_REGISTRY_UPDATE", "no", TRUE);
+  } else {
+    g_setenv("GST_REGISTRY_DISABLE", "yes", TRUE);
   }
   gst_registry_fork_set_enabled(FALSE);
   if (!gst_init_check(nullptr, nullptr, nullptr)) return false;
-  return LoadPlugin("coreelements") && LoadPlugin("typefindfunctions");
+  if (!LoadPlugin("coreelements") || !LoadPlugin(kTypeFinders)) return false;
+  KeepOneSetOfTypeFinders();
+  return true;
 }
 
-void LoadDecodersAhead() {
-  g_ahead = std::thread([] { LoadFile(kLibav); });
+bool MakeRegistry(const std::string& path) {
+  CleanVariables();
+  unlink(path.c_str());
+  g_setenv("GST_REGISTRY", path.c_str(), TRUE);
+  return gst_init_check(nullptr, nullptr, nullptr) && access(path.c_str(), R_OK) == 0;
 }
 
 bool LoadPlugin(const std::string& name) {
-  if (name == kLibav && g_ahead.joinable()) {
-    std::call_once(g_ahead_joined, [] { g_ahead.join(); });
-  }
-  return LoadFile(name);
+  const std::string path = std::string(TARN_GST_PLUGINS) + "/libgst" + name + ".so";
+  GError* error = nullptr;
+  const ObjectPtr<GstPlugin> plugin(gst_plugin_load_file(path.c_str(), &error));
+  const MiniPtr<GError> owner(error);
+  return plugin != nullptr;
 }
 
 GstElement* MakeElement(const Element& element, Failure& failure) {

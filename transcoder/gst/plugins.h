@@ -1,7 +1,9 @@
 // GStreamer's plug-ins, loaded one by one as they are needed.
 //
-// There is no registry of plug-ins: looking through all of them takes seconds and another process,
-// and its result would lie in the caller's home. Here each element is known to come from one file.
+// Nothing is looked for at run time: that takes seconds and another process, and its result would
+// lie in the caller's home. Each element is known to come from one plug-in. What is in the plug-ins
+// is read from a registry that was made when the launcher was installed; where that is missing or
+// older than the plug-ins each of them is asked, which takes some tenths of a second more.
 #pragma once
 
 #include <gst/gst.h>
@@ -16,9 +18,8 @@ namespace tarn::gst {
 // Once, before anything else of GStreamer. False when GStreamer itself does not start.
 bool StartGstreamer();
 
-// Loads the largest plug-in, which nearly every run needs, in a thread of its own. LoadPlugin waits
-// for it.
-void LoadDecodersAhead();
+// Instead: looks at all plug-ins and writes the registry. False when it cannot be written.
+bool MakeRegistry(const std::string& path);
 
 // By its name, as in libgstNAME.so. False when it is not installed or does not load. Any thread.
 bool LoadPlugin(const std::string& name);

@@ -74,7 +74,6 @@ class Run {
  private:
   Failure Begin() {
     if (!StartGstreamer()) return {Status::kPluginMissing, "GStreamer's own plug-ins are missing"};
-    LoadDecodersAhead();
     pipeline_.reset(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new("run"))));
     bus_.reset(gst_element_get_bus(pipeline_.get()));
     source_.emplace(pipeline_.get());
