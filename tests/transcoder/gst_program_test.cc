@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/inotify.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 
 #include "base/file_io.h"
+#include "base/paths.h"
 #include "tests/support/process.h"
 #include "tests/transcoder/launcher.h"
 
@@ -249,10 +251,10 @@ TEST(GstProcess, WhateverKillsItNothingIsLeft) {
   const int before = LiveProcesses();
   int instant = 0;
   for (const int signal : {SIGINT, SIGTERM, SIGKILL, 0}) {
-    for (int i = 0; i < 12; ++i) {
+    for (int i = 0; i < 6; ++i) {
       PipedRun run({"-s", std::to_string(i * 7)});
       // Anywhere between its first instruction and the middle of its output.
-      SleepMs(instant++ * 37 % 400);
+      SleepMs(instant++ * 37 % 400);  // any will do
       if (i % 3 == 0) run.Read(20'000);
       if (signal == 0) {
         run.CloseReader();
@@ -297,6 +299,37 @@ TEST(GstProcess, WritesNothingAnywhereElse) {
   fs::create_directory("/volume1/home");
   EXPECT_EQ(Launch(kClip).status, 0);
   EXPECT_TRUE(fs::is_empty("/volume1/home"));
+}
+
+// Hides what the launcher was installed with.
+void HideRegistry() {
+  const char* const folder = "/var/packages/Reelbay/target/share";
+  ASSERT_TRUE(fs::exists(paths::kGstRegistry));
+  ASSERT_EQ(mount("tmpfs", folder, "tmpfs", 0, nullptr), 0);
+  ASSERT_FALSE(fs::exists(paths::kGstRegistry));
+}
+
+TEST(GstProcess, WorksWithoutARegistryOfPlugins) {
+  ASSERT_NO_FATAL_FAILURE(HideRegistry());
+  const ProgramResult run = Launch(kClip);
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_GT(run.out.size(), 100'000u);
+  WriteText("/volume1/list.mkv", "#EXTM3U\n#EXT-X-TARGETDURATION:10\n#EXTINF:10,\n/x.ts\n");
+  ExpectRefusal(Launch("/volume1/list.mkv"), 4, "a list of other places, not media");
+}
+
+TEST(GstProcess, ARegistryThatIsNoneIsLeftAlone) {
+  ASSERT_NO_FATAL_FAILURE(HideRegistry());
+  WriteText(paths::kGstRegistry, "not what it seems");
+  EXPECT_EQ(Launch(kClip).status, 0);
+  EXPECT_EQ(ReadText(paths::kGstRegistry), "not what it seems");
+}
+
+TEST(GstProcess, MakesARegistry) {
+  EXPECT_EQ(RunProgram({kLauncher, "--make-registry", "/volume1/registry"}).status, 0);
+  EXPECT_GT(fs::file_size("/volume1/registry"), 100'000u);
+  const ProgramResult refused = RunProgram({kLauncher, "--make-registry", "/nowhere/registry"});
+  ExpectRefusal(refused, 9, "/nowhere/registry: the registry cannot be written");
 }
 
 // The caller's environment leads to no other code.

@@ -1,5 +1,6 @@
 #include "transcoder/gst/plugins.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -7,7 +8,9 @@
 #include <iterator>
 #include <string_view>
 
+#include "base/file_io.h"
 #include "base/paths.h"
+#include "base/unique_fd.h"
 #include "transcoder/gst/handles.h"
 
 namespace tarn::gst {
@@ -26,7 +29,6 @@ constexpr PluginRow kPlugins[] = {
     {"identity", "coreelements"},
     {"queue", "coreelements"},
     {"fakesink", "coreelements"},
-    {"typefind", "typefindfunctions"},
     {"qtdemux", "isomp4"},
     {"matroskademux", "matroska"},
     {"matroskamux", "matroska"},
@@ -95,13 +97,36 @@ void CleanVariables() {
         "GST_REGISTRY_1_0", "GST_REGISTRY_UPDATE", "GST_REGISTRY_DISABLE"}) {
     g_unsetenv(name);
   }
+  // Code that is made at run time passes through a file, which is unlinked at once.
+  g_setenv("XDG_RUNTIME_DIR", "/tmp", TRUE);
 }
 
-// A plug-in that was installed or replaced since has changed their folder.
-bool RegistryIsFresh() {
+// GStreamer would replace one that it cannot read, by looking at all plug-ins. A plug-in that was
+// installed or replaced since has changed their folder.
+bool RegistryIsUsable() {
+  constexpr std::string_view kMagic = "\xc0\xde\xf0\x0d";
+  const UniqueFd file(OpenRetry(paths::kGstRegistry, O_RDONLY | O_NONBLOCK));
   struct stat registry = {}, plugins = {};
-  return stat(paths::kGstRegistry, &registry) == 0 && stat(TARN_GST_PLUGINS, &plugins) == 0 &&
-         S_ISREG(registry.st_mode) && registry.st_size > 0 && registry.st_mtime >= plugins.st_mtime;
+  char magic[kMagic.size()] = {};
+  return fstat(file.get(), &registry) == 0 && stat(TARN_GST_PLUGINS, &plugins) == 0 &&
+         S_ISREG(registry.st_mode) && registry.st_mtime >= plugins.st_mtime &&
+         ReadRetry(file.get(), magic, sizeof magic) == static_cast<ssize_t>(sizeof magic) &&
+         std::string_view(magic, sizeof magic) == kMagic;
+}
+
+bool LoadPlugin(const std::string& name) {
+  const std::string path = std::string(TARN_GST_PLUGINS) + "/libgst" + name + ".so";
+  GError* error = nullptr;
+  const ObjectPtr<GstPlugin> plugin(gst_plugin_load_file(path.c_str(), &error));
+  const MiniPtr<GError> owner(error);
+  return plugin != nullptr;
+}
+
+// A plug-in of the registry loads itself when its element is made, and faster so. Without a
+// registry a plug-in has to describe all its elements first.
+bool Provide(const std::string& element) {
+  const ObjectPtr<GstElementFactory> known(gst_element_factory_find(element.c_str()));
+  return known != nullptr || LoadPlugin(PluginOf(element));
 }
 
 // A file's type must not depend on what else is installed.
@@ -120,7 +145,8 @@ void KeepOneSetOfTypeFinders() {
 
 bool StartGstreamer() {
   CleanVariables();
-  if (RegistryIsFresh()) {
+  const bool has_registry = RegistryIsUsable();
+  if (has_registry) {
     g_setenv("GST_REGISTRY", paths::kGstRegistry, TRUE);
     g_setenv("GST_REGISTRY_UPDATE", "no", TRUE);
   } else {
@@ -128,7 +154,7 @@ bool StartGstreamer() {
   }
   gst_registry_fork_set_enabled(FALSE);
   if (!gst_init_check(nullptr, nullptr, nullptr)) return false;
-  if (!LoadPlugin("coreelements") || !LoadPlugin(kTypeFinders)) return false;
+  if (!has_registry && !(LoadPlugin("coreelements") && LoadPlugin(kTypeFinders))) return false;
   KeepOneSetOfTypeFinders();
   return true;
 }
@@ -140,20 +166,11 @@ bool MakeRegistry(const std::string& path) {
   return gst_init_check(nullptr, nullptr, nullptr) && access(path.c_str(), R_OK) == 0;
 }
 
-bool LoadPlugin(const std::string& name) {
-  const std::string path = std::string(TARN_GST_PLUGINS) + "/libgst" + name + ".so";
-  GError* error = nullptr;
-  const ObjectPtr<GstPlugin> plugin(gst_plugin_load_file(path.c_str(), &error));
-  const MiniPtr<GError> owner(error);
-  return plugin != nullptr;
-}
-
 GstElement* MakeElement(const Element& element, Failure& failure) {
-  const std::string plugin = PluginOf(element.factory);
   GstElement* made = nullptr;
-  if (LoadPlugin(plugin)) made = gst_element_factory_make(element.factory.c_str(), nullptr);
+  if (Provide(element.factory)) made = gst_element_factory_make(element.factory.c_str(), nullptr);
   if (made == nullptr) {
-    failure = {Status::kPluginMissing, "the GStreamer plug-in \"" + plugin +
+    failure = {Status::kPluginMissing, "the GStreamer plug-in \"" + PluginOf(element.factory) +
                                            "\" with the element " + element.factory +
                                            " is missing"};
     return nullptr;

@@ -21,9 +21,6 @@ bool StartGstreamer();
 // Instead: looks at all plug-ins and writes the registry. False when it cannot be written.
 bool MakeRegistry(const std::string& path);
 
-// By its name, as in libgstNAME.so. False when it is not installed or does not load. Any thread.
-bool LoadPlugin(const std::string& name);
-
 // The element with its properties, its plug-in loaded; a floating reference. Null, with `failure`,
 // when it is not there. Properties that this version of the element lacks are left out.
 GstElement* MakeElement(const Element& element, Failure& failure);

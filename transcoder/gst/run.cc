@@ -26,8 +26,11 @@ namespace {
 
 // An encoder that needs longer for its first frame is no help.
 constexpr int64_t kTrialMs = 2000;
-// After a signal the output is brought to a proper end for so long, if its reader reads.
-constexpr int64_t kFarewellMs = 2000;
+// After a signal the output is brought to a proper end for so long, if its reader reads; the engine
+// kills after five seconds. A reader that takes nothing is not waited for so long.
+constexpr int64_t kFarewellMs = 4500;
+constexpr int64_t kReaderMs = 1000;
+constexpr int64_t kLookMs = 50;
 // Decoding begins this far before the start, so that sound and decoders are settled.
 constexpr int64_t kDecodeLeadNs = 2 * kSoundLeadNs;
 
@@ -164,11 +167,13 @@ class Run {
       }
       if (source_->failure().happened()) return source_->failure();
       if (TakeSignal()) {
-        if (!writing_) return {Status::kInterrupted, "interrupted"};
+        // The second one means it.
+        if (!writing_ || times_.stopping) return {Status::kInterrupted, "interrupted"};
         times_.stopping = true;
-        stop_by_ = MonotonicMs() + kFarewellMs;
+        stop_by_ = DeadlineIn(kFarewellMs);
+        reader_by_ = DeadlineIn(kReaderMs);
       }
-      if (times_.stopping && (ended_ || MonotonicMs() >= stop_by_)) {
+      if (times_.stopping && (ended_ || FarewellIsOver())) {
         return {Status::kInterrupted, "interrupted"};
       }
       if (condition()) return {};
@@ -176,12 +181,17 @@ class Run {
     }
   }
 
+  bool FarewellIsOver() {
+    pollfd output = {output_.fd(), POLLOUT, 0};
+    if (poll(&output, 1, 0) == 1) reader_by_ = DeadlineIn(kReaderMs);
+    return MonotonicMs() >= std::min(stop_by_, reader_by_);
+  }
+
   void Wait() {
     GPollFD bus = {};
     gst_bus_get_pollfd(bus_.get(), &bus);
     pollfd events[] = {{bus.fd, POLLIN, 0}, {signals_.get(), POLLIN, 0}};
-    const int64_t left = times_.stopping ? std::max<int64_t>(stop_by_ - MonotonicMs(), 0) : -1;
-    poll(events, 2, static_cast<int>(left));
+    poll(events, 2, times_.stopping ? static_cast<int>(kLookMs) : -1);
   }
 
   bool TakeSignal() {
@@ -223,7 +233,8 @@ class Run {
   GstElement* sink_ = nullptr;
   bool writing_ = false;
   bool ended_ = false;
-  int64_t stop_by_ = 0;
+  int64_t stop_by_ = 0;    // when the farewell ends
+  int64_t reader_by_ = 0;  // when the reader must have read
 };
 
 }  // namespace
