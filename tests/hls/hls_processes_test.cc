@@ -979,7 +979,8 @@ class LauncherStream : public HlsProcesses {
 
   // Launcher and segmenter.
   static std::vector<int> Both() {
-    std::vector<int> pids = ProcessesWith(kGstreamBin);
+    // (The sandbox's own command line names the launcher as well.)
+    std::vector<int> pids = ProcessesWith(kGstreamBin + " -s ");
     for (const int pid : ProcessesWith("ffmpeg27 -i -")) pids.push_back(pid);
     return pids;
   }
