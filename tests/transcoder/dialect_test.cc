@@ -317,9 +317,10 @@ TEST(Translate, WhatIsCutNamesTheProgramThatCuts) {
 // Where the picture's start is found exactly, the input is read twice; where it cannot be, the
 // program that cuts looks for it.
 TEST(Translate, TheInputsFirstBytesTellHowAStartIsFound) {
-  const std::string brand("\0\0\0\x20"
-                          "ftypisom",
-                          12);
+  const std::string brand(
+      "\0\0\0\x20"
+      "ftypisom",
+      12);
   const std::string program_stream("\0\0\x01\xBA pack", 9);
   const auto words = [](const std::string& seconds, const std::string& codec) {
     return Split("ffmpeg41 -ss " + seconds + " -i /v/a -vcodec " + codec +
