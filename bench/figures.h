@@ -17,6 +17,7 @@ void MeasureAllSegments(Report& report);
 void MeasureFirstFragment(Report& report);
 void MeasureFarFragment(Report& report);
 void MeasureReadyFragment(Report& report);
+void MeasureLauncher(Report& report);
 void MeasurePlaylists(Report& report);
 void MeasureAnalysis(Report& report);
 

@@ -32,6 +32,7 @@ constexpr Figure kFigures[] = {
     {"first-fragment", MeasureFirstFragment},
     {"far-fragment", MeasureFarFragment},
     {"ready-fragment", MeasureReadyFragment},
+    {"launcher", MeasureLauncher},
     {"playlists", MeasurePlaylists},
     {"analysis", MeasureAnalysis},
 };

@@ -76,10 +76,10 @@ void Program::Wait() {
   if (status != 0) Fail(name_ + " failed");
 }
 
-PipedProgram::PipedProgram(Words argv) {
+PipedProgram::PipedProgram(Words argv, const std::string& output) {
   tarn::UniqueFd write_end;
   if (!tarn::OpenPipe(output_, write_end)) Fail("cannot create a pipe");
-  argv.back() = "pipe:" + std::to_string(write_end.get());
+  argv.back() = output + std::to_string(write_end.get());
   program_.emplace(std::move(argv), write_end.get());
 }
 

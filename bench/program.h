@@ -35,10 +35,11 @@ class Program {
 };
 
 // A program that writes to a pipe, started from an argument vector whose last word, the output, is
-// replaced by that pipe's "pipe:N". Killed and reaped at the end.
+// replaced by that pipe's "pipe:N", or what the program writes before the number. Killed and reaped
+// at the end.
 class PipedProgram {
  public:
-  explicit PipedProgram(Words argv);
+  explicit PipedProgram(Words argv, const std::string& output = "pipe:");
 
   // Waits for the first byte.
   void ReadFirstByte();
