@@ -54,8 +54,10 @@ class LauncherStreams : public testing::TestWithParam<Host> {
     EXPECT_TRUE(Eventually([this] { return LiveProcesses() == baseline_; }));
     { const LibReelbay::TransLoading reopened; }
     EXPECT_EQ(Registry(), "[]\n");
+    // A progressive stream has no directory on the volume.
     for (const char* folder : {"/tmp/Reelbay/", "/volume1/@tmp/Reelbay/"}) {
-      for (const auto& kind : std::filesystem::directory_iterator(folder)) {
+      std::error_code missing;
+      for (const auto& kind : std::filesystem::directory_iterator(folder, missing)) {
         if (!kind.is_directory()) continue;
         EXPECT_TRUE(std::filesystem::is_empty(kind)) << kind;
       }
