@@ -42,7 +42,7 @@ class TARNVTE_EXPORT PreprocessHelper {
 
  protected:
   std::vector<HLSFragment> fragments;
-  PreprocessResultWrapper result;
+  PreprocessResultWrapper result;  // its end alone: `keyframes` has the rest
   bool valid = false;
   std::vector<double> keyframes;
   HLSFragment current{.index = -1};  // none yet

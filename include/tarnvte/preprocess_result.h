@@ -25,6 +25,11 @@ class TARNVTE_EXPORT PreprocessUtil {
 
 class TARNVTE_EXPORT PreprocessResultWrapper : public proto::PreprocessResult {
  public:
+  PreprocessResultWrapper() = default;
+  // With its entries in an arena, which outlives the message: a long film has a hundred thousand.
+  explicit PreprocessResultWrapper(google::protobuf::Arena* arena)
+      : proto::PreprocessResult(arena) {}
+
   // Appends a keyframe; the entry stays the message's.
   proto::GroupOfPicture* PushPtsTime(double seconds);
   // Appends a decoded keyframe, whose time stamp counts in `time_base`.

@@ -1,5 +1,7 @@
 #include "tarnvte/preprocess_helper.h"
 
+#include <google/protobuf/arena.h>
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -39,11 +41,14 @@ PreprocessHelper::PreprocessHelper() = default;
 PreprocessHelper::PreprocessHelper(const std::string& video_path, int target_duration)
     : target_duration(target_duration) {
   const std::string path = PreprocessUtil::GetPreprocessResultPath(video_path);
-  if (!librb::DoActionAsRoot("Read preprocess result", [&] { return result.ReadFromFile(path); })) {
+  google::protobuf::Arena arena;
+  PreprocessResultWrapper stored(&arena);
+  if (!librb::DoActionAsRoot("Read preprocess result", [&] { return stored.ReadFromFile(path); })) {
     return;
   }
-  if (!HasOrderedTimes(result)) return;
-  keyframes = result.GetAllKeyframePtsTime();
+  if (!HasOrderedTimes(stored)) return;
+  keyframes = stored.GetAllKeyframePtsTime();
+  result.set_end_time(stored.end_time());
   if (!IsLastKeyframeTimestampReasonable()) return;
   FetchAllFragment();
   valid = true;
