@@ -14,6 +14,7 @@
 
 #include "base/file_io.h"
 #include "tests/support/process.h"
+#include "tests/transcoder/running.h"
 #include "tests/transcoder/segment_command.h"
 #include "tests/transcoder/segment_reader.h"
 
@@ -22,7 +23,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::test::Eventually;
-using ::test::WaitFor;
 using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -65,38 +65,6 @@ mode_t ModeOf(const std::string& path) {
 }
 
 std::string Segment(int number) { return kFolder + SegmentName(number); }
-
-std::vector<pid_t> ChildrenOf(pid_t pid) {
-  const std::string id = std::to_string(pid);
-  std::istringstream children(ReadText("/proc/" + id + "/task/" + id + "/children"));
-  return {std::istream_iterator<pid_t>(children), {}};
-}
-
-// A run of the program. Whatever a test leaves of it is killed.
-class Running {
- public:
-  explicit Running(const Words& words) : pid_(StartProgram(words, "/tmp/out", "/tmp/err")) {}
-  ~Running() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  pid_t pid() const { return pid_; }
-  // The wait status.
-  int End() {
-    const int status = WaitFor(pid_);
-    if (status != -1) pid_ = -1;
-    return status;
-  }
-  bool EncoderRuns() const {
-    const std::vector<pid_t> children = ChildrenOf(pid_);
-    return children.size() == 1 &&
-           ReadText("/proc/" + std::to_string(children[0]) + "/comm") == "ffmpeg\n";
-  }
-
- private:
-  pid_t pid_;
-};
 
 std::string Errors() { return ReadText("/tmp/err"); }
 

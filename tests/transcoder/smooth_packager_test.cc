@@ -13,6 +13,7 @@
 #include <random>
 
 #include "tests/support/process.h"
+#include "tests/transcoder/running.h"
 #include "tests/transcoder/segment_reader.h"
 #include "tests/transcoder/smooth_fragments.h"
 
@@ -21,7 +22,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::test::Eventually;
-using ::test::WaitFor;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -56,33 +56,6 @@ std::string Video(int number) {
 std::string Audio(int number) {
   return Command().AudioFolder() + "/" + FragmentName("audio", number);
 }
-
-std::vector<pid_t> ChildrenOf(pid_t pid) {
-  const std::string id = std::to_string(pid);
-  std::istringstream children(ReadText("/proc/" + id + "/task/" + id + "/children"));
-  return {std::istream_iterator<pid_t>(children), {}};
-}
-
-// A run of the program. Whatever a test leaves of it is killed.
-class Running {
- public:
-  explicit Running(const Words& words) : pid_(StartProgram(words, "/tmp/out", "/tmp/err")) {}
-  ~Running() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  pid_t pid() const { return pid_; }
-  // The wait status.
-  int End() {
-    const int status = WaitFor(pid_);
-    if (status != -1) pid_ = -1;
-    return status;
-  }
-
- private:
-  pid_t pid_;
-};
 
 std::string Errors() { return ReadText("/tmp/err"); }
 
