@@ -12,13 +12,6 @@ namespace {
 constexpr int kRounds = 21;
 constexpr double kBudget = 0.060;
 
-double FirstByteOf(const Words& argv) {
-  const double begun = Now();
-  PipedProgram program(argv);
-  program.ReadFirstByte();
-  return Now() - begun;  // without its end
-}
-
 struct StepSamples {
   Samples prepare, init, start, wait;
 
@@ -34,7 +27,7 @@ void MeasureRequest(Report& report, const std::string& figure, const WebmRequest
   WebmCommands commands = CommandsOf(request);
   commands.engine[0] = kFrontEnd;
   StepSamples steps;
-  const Candidate bare = [&] { return FirstByteOf(commands.bare); };
+  const Candidate bare = [&] { return SecondsToFirstByte(commands.bare); };
   const std::vector<Candidate> candidates = {
       bare,
       [&] {
@@ -43,7 +36,7 @@ void MeasureRequest(Report& report, const std::string& figure, const WebmRequest
         return run.steps().Total();
       },
       bare,
-      [&] { return FirstByteOf(commands.engine); },
+      [&] { return SecondsToFirstByte(commands.engine); },
       [&] { return SecondsToProbe(request.file); },
   };
   WarmUp(candidates);
@@ -70,7 +63,7 @@ void MeasureProgressive(Report& report, const std::string& figure, const std::st
                         int seek) {
   constexpr char kFile[] = TARN_BENCH_MEDIA "/film.mkv";
   const Words command = BareHttpCommand(kFile, key, seek);
-  const Candidate bare = [&] { return FirstByteOf(command); };
+  const Candidate bare = [&] { return SecondsToFirstByte(command); };
   const std::vector<Candidate> candidates = {
       bare, [&] { return SecondsToFirstHttpByte(kFile, key, seek); }, bare};
   WarmUp(candidates);

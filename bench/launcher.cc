@@ -115,13 +115,6 @@ Words BareCommand() {
           "fd="};
 }
 
-double FirstByteOf(const Words& argv, const std::string& output) {
-  const double begun = Now();
-  PipedProgram program(argv, output);
-  program.ReadFirstByte();
-  return Now() - begun;  // without its end
-}
-
 double ProcessorTimeOf(const Words& argv, const std::string& output, size_t& bytes) {
   const double before = ProcessorSeconds();
   PipedProgram program(argv, output);
@@ -137,7 +130,7 @@ void MeasureLauncher(Report& report) {
   const Words launcher = LauncherCommand(), bare = BareCommand();
   const std::string launcher_output = launcher.back(), bare_output = bare.back();
   const auto begin = [](const Words& argv, const std::string& output) -> Candidate {
-    return [&] { return FirstByteOf(argv, output); };
+    return [&] { return SecondsToFirstByte(argv, output); };
   };
   const std::vector<Candidate> first = {begin(bare, bare_output), begin(launcher, launcher_output),
                                         begin(bare, bare_output)};

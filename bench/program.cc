@@ -100,6 +100,13 @@ size_t PipedProgram::ReadToEnd() {
   return total;
 }
 
+double SecondsToFirstByte(const Words& argv, const std::string& output) {
+  const double begun = Now();
+  PipedProgram program(argv, output);
+  program.ReadFirstByte();
+  return Now() - begun;
+}
+
 double SecondsToRun(const Words& argv) {
   return SecondsOf([&] { Program(argv).Wait(); });
 }

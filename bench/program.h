@@ -51,6 +51,9 @@ class PipedProgram {
   std::optional<Program> program_;
 };
 
+// How long a program takes to its first byte, its own end left out; `output` as above.
+double SecondsToFirstByte(const Words& argv, const std::string& output = "pipe:");
+
 // How long a program takes that has to succeed.
 double SecondsToRun(const Words& argv);
 
