@@ -222,10 +222,35 @@ TEST(GstMedia, OtherContainersCountFromZeroOrFromTheFile) {
 }
 
 TEST(GstMedia, AsfHoldsWindowsMedia) {
-  const SeenMedia seen = ReadMedia(Made(Media("container.mp4"), {"--container", "asf"}, "asf"));
-  EXPECT_EQ(seen.Stream("video")["codec_name"], "wmv2");
-  EXPECT_EQ(seen.Stream("audio")["codec_name"], "mp3");
-  EXPECT_GE(seen.video.size(), 20u);
+  constexpr double kSoundFrame = 1152 / 48e3;
+  const struct {
+    const char* source;
+    const char* start;
+    size_t pictures;
+    double seconds;
+    // (The AVI file's second picture is shown when the third one should be.)
+  } kinds[] = {{"container.mp4", "0", 25, 1}, {"film.avi", "5.5", 613, 24.5}};
+  for (const auto& [source, start, pictures, seconds] : kinds) {
+    SCOPED_TRACE(source);
+    const std::string made =
+        Made(Media(source), {"-s", start, "--container", "asf", "--ar", "48000"}, "asf");
+    const SeenMedia seen = ReadMedia(made);
+    EXPECT_EQ(seen.messages, "");
+    EXPECT_EQ(seen.Stream("video")["codec_name"], "wmv2");
+    EXPECT_EQ(seen.Stream("audio")["codec_name"], "mp3");
+    ASSERT_EQ(seen.video.size(), pictures);
+    for (size_t i = 0; i < pictures; ++i) {
+      EXPECT_NEAR(seen.video[i].pts - seen.video[0].pts, static_cast<double>(i) / 25, kRounding);
+    }
+    // As long as the source's, but for a frame at its start and the encoder's last one.
+    ASSERT_FALSE(seen.sound.empty());
+    EXPECT_NEAR(seen.sound.front().pts, seen.video.front().pts, kSoundFrame);
+    EXPECT_NEAR(static_cast<double>(seen.sound.size()) * kSoundFrame, seconds, 2 * kSoundFrame);
+    // Each can be decoded to its end.
+    const ProgramResult decoded = RunProgram(
+        {"/usr/bin/ffmpeg", "-nostdin", "-v", "error", "-i", made, "-f", "null", "/dev/null"});
+    EXPECT_EQ(decoded.err, "");
+  }
 }
 
 TEST(GstMedia, ACopyBeginsWithTheKeyframeBefore) {

@@ -13,6 +13,7 @@
 
 #include "base/clock.h"
 #include "base/unique_fd.h"
+#include "transcoder/gst/asf_packet.h"
 #include "transcoder/gst/branch.h"
 #include "transcoder/gst/encoder_choice.h"
 #include "transcoder/gst/handles.h"
@@ -54,6 +55,18 @@ UniqueFd BlockSignals() {
   sigprocmask(SIG_SETMASK, &ends, nullptr);
   signal(SIGPIPE, SIG_IGN);
   return UniqueFd(signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+// See CountPadding.
+GstPadProbeReturn OnAsfPacket(GstPad*, GstPadProbeInfo* info, gpointer) {
+  GstBuffer* packet = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(info));
+  GST_PAD_PROBE_INFO_DATA(info) = packet;
+  GstMapInfo map;
+  if (gst_buffer_map(packet, &map, GST_MAP_READWRITE)) {
+    CountPadding({map.data, map.size});
+    gst_buffer_unmap(packet, &map);
+  }
+  return GST_PAD_PROBE_OK;
 }
 
 class Run {
@@ -129,6 +142,10 @@ class Run {
     GstElement* muxer = MakeElement(plan_.muxer, failure);
     if (muxer == nullptr) return failure;
     gst_bin_add(GST_BIN(pipeline_.get()), muxer);
+    if (options_.container == Container::kAsf) {
+      const ObjectPtr<GstPad> out(gst_element_get_static_pad(muxer, "src"));
+      gst_pad_add_probe(out.get(), GST_PAD_PROBE_TYPE_BUFFER, OnAsfPacket, nullptr, nullptr);
+    }
     video_ = std::make_unique<Branch>(pipeline_.get(), options_, plan_, times_, true);
     failure = video_->Build(source_->video(), muxer, source_->times() == TimeStamps::kDecoding);
     if (!failure.happened() && plan_.has_audio) {
