@@ -220,6 +220,15 @@ make -i film-late.mkv -itsoffset 1.2 -i film-late.mkv -map 1:v -map 0:a "${exact
 tail -c +200001 film-far.ts >film-cut-into.ts
 make -i plain.mkv "${exact[@]}" -c:v mpeg2video -bf 2 -g 60 -sc_threshold 1000000000 -b:v 800k \
   -c:a mp2 -f vob film.mpg
+# Hardly any of their pictures, forty to a packet, says when it is shown.
+still() { # NAME RATE OPTIONS...
+  local name=$1 rate=$2
+  shift 2
+  make -f lavfi -i "color=red:size=160x96:rate=$rate:duration=30" -i plain.mkv -map 0 -map 1:a \
+    "${exact[@]}" -g 15 -c:a mp2 "$@" "$name"
+}
+still film-still.mpg 25 -c:v mpeg2video -bf 0 -f vob
+still film-still-ntsc.mpg 30000/1001 -c:v mpeg1video -bf 2
 make -i plain.mkv "${exact[@]}" -c copy -movflags frag_keyframe+empty_moov film-fragments.mp4
 make -i plain.mkv "${exact[@]}" -c copy -f matroska - >film-no-cues.mkv
 make -i plain.mkv -itsoffset 2 -i plain.mkv -map 0:v -map 1:a "${exact[@]}" -c copy -t 30 \

@@ -112,7 +112,38 @@ INSTANTIATE_TEST_SUITE_P(
                     Start{"film-near.ts", "0"}, Start{"film-near.ts", "20"},
                     Start{"film-far.ts", "3.3"}, Start{"film.avi", "0"}, Start{"film.avi", "5"},
                     Start{"film.avi", "28.123456789"}, Start{"film-late.mkv", "10"},
-                    Start{"film-no-cues.mkv", "25"}, Start{"film-fragments.mp4", "5"}));
+                    Start{"film-no-cues.mkv", "25"}, Start{"film-fragments.mp4", "5"},
+                    Start{"film.mpg", "0"}, Start{"film.mpg", "12.3"}));
+
+// Where a file hardly tells when its pictures are shown, each of them is there all the same.
+TEST(GstMedia, PicturesWithoutTimesOfTheirOwn) {
+  for (const auto& [start, pictures] : {std::pair("0", 750u), std::pair("12.3", 442u)}) {
+    SCOPED_TRACE(start);
+    const SeenMedia seen = ReadMedia(Made(Media("film-still.mpg"), {"-s", start}));
+    ASSERT_EQ(seen.video.size(), pictures);
+    for (size_t i = 1; i < pictures; ++i) EXPECT_GT(seen.video[i].pts, seen.video[i - 1].pts) << i;
+    EXPECT_NEAR(seen.video.back().pts - seen.video.front().pts, (pictures - 1) / 25.0, 0.1);
+    EXPECT_NEAR(seen.sound.back().pts, seen.video.back().pts, 0.15);
+  }
+}
+
+// Sound before the start is dropped at once, pictures are decoded first, so one waits for the
+// other.
+TEST(GstMedia, OneTrackFarAheadOfTheOther) {
+  const SeenMedia seen =
+      ReadMedia(Made(Media("film-still-ntsc.mpg"), {"-s", "12.3", "--size", "96x64"}));
+  EXPECT_GT(seen.video.size(), 500u);
+  EXPECT_NEAR(seen.video.back().pts - kLauncherZero, 17.7, 0.15);
+  EXPECT_NEAR(seen.sound.back().pts, seen.video.back().pts, 0.15);
+}
+
+// More lies between the keyframe and the start than the launcher keeps in memory as a rule.
+TEST(GstMedia, ACopyFromFarBehindItsKeyframe) {
+  const SeenMedia seen =
+      ReadMedia(Made(Media("film-one-keyframe.mkv"), {"-s", "25", "--vcodec", "copy"}));
+  EXPECT_EQ(seen.video.size(), 720u);
+  EXPECT_NEAR(seen.sound.back().pts, seen.video.back().pts, 0.15);
+}
 
 TEST(GstMedia, ChosenKeyframeGrid) {
   const SeenMedia seen = ReadMedia(Made(Media("film.avi"), {"--keyint", "2.5", "-s", "4"}));

@@ -15,10 +15,19 @@ constexpr int kBufferOrEvent = GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EV
 // More pictures than any decoder holds back.
 constexpr size_t kMostInDecoder = 64;
 
+// Between pictures to which the source gives the same time.
+constexpr int64_t kNextPictureNs = 1'000'000;
+
 constexpr std::chrono::seconds kPatience(5);
 
 bool IsBuffer(const GstPadProbeInfo* info) {
   return (GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_BUFFER) != 0;
+}
+
+GstBuffer* Writable(GstPadProbeInfo* info) {
+  GstBuffer* buffer = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(info));
+  GST_PAD_PROBE_INFO_DATA(info) = buffer;
+  return buffer;
 }
 
 // Since the source's start.
@@ -84,10 +93,10 @@ Failure Branch::Build(GstPad* from, GstElement* muxer, bool reorders) {
     GstElement* element = MakeElement(wanted, failure);
     if (element == nullptr) return failure;
     gst_bin_add(GST_BIN(bin_), element);
-    if (wanted.role == "decoder") Watch<&Branch::OnPicture>(element, "src", kBufferOrEvent);
-    if (wanted.role == "decoder" && reorders) {
-      reorders_ = true;
+    if (wanted.role == "decoder") {
+      reorders_ = reorders;
       Watch<&Branch::OnCoded>(element, "sink", GST_PAD_PROBE_TYPE_BUFFER);
+      Watch<&Branch::OnPicture>(element, "src", kBufferOrEvent);
     }
     if (wanted.role == "sound") Watch<&Branch::OnSound>(element, "src", kBufferOrEvent);
     if (wanted.role == "picture") picture_ = element;
@@ -133,6 +142,16 @@ void Branch::SetPicture(GstEvent* event) {
 
 GstPadProbeReturn Branch::OnCoded(GstPad*, GstPadProbeInfo* info) {
   const GstBuffer* coded = GST_PAD_PROBE_INFO_BUFFER(info);
+  if (!reorders_) {
+    // A picture without a time of its own is shown when the one before it has been. The decoder
+    // does that as long as it sees no decoding time, from which it would make a wrong guess.
+    if (GST_BUFFER_PTS_IS_VALID(coded)) {
+      has_shown_times_ = true;
+    } else if (has_shown_times_) {
+      GST_BUFFER_DTS(Writable(info)) = GST_CLOCK_TIME_NONE;
+    }
+    return GST_PAD_PROBE_OK;
+  }
   const std::lock_guard<std::mutex> lock(mutex_);
   decoding_times_.push_back(GST_BUFFER_DTS_IS_VALID(coded) ? GST_BUFFER_DTS(coded)
                                                            : GST_BUFFER_PTS(coded));
@@ -144,11 +163,9 @@ GstPadProbeReturn Branch::OnCoded(GstPad*, GstPadProbeInfo* info) {
 // Pictures come out in the order in which they are shown, so their times are the decoding times in
 // order.
 void Branch::SetShownTime(GstPadProbeInfo* info) {
-  GstBuffer* frame = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(info));
-  GST_PAD_PROBE_INFO_DATA(info) = frame;
   const std::lock_guard<std::mutex> lock(mutex_);
   if (decoding_times_.empty()) return;
-  GST_BUFFER_PTS(frame) = decoding_times_.front();
+  GST_BUFFER_PTS(Writable(info)) = decoding_times_.front();
   decoding_times_.pop_front();
 }
 
@@ -161,13 +178,19 @@ GstPadProbeReturn Branch::OnPicture(GstPad* pad, GstPadProbeInfo* info) {
   if (reorders_) SetShownTime(info);
   const GstBuffer* frame = GST_PAD_PROBE_INFO_BUFFER(info);
   if (!HasTime(frame)) return GST_PAD_PROBE_DROP;
-  const int64_t time = TimeOf(frame);
+  int64_t time = TimeOf(frame);
+  // Not even where times are only near the truth is a picture lost.
+  if (last_decoded_ && time <= *last_decoded_) {
+    if (*last_decoded_ - time > kNearNs) return GST_PAD_PROBE_DROP;
+    time = *last_decoded_ + kNextPictureNs;
+    GST_BUFFER_PTS(Writable(info)) = static_cast<GstClockTime>(time + kLeadNs);
+  }
+  last_decoded_ = time;
   if (!Belongs(time, times_.start)) return GST_PAD_PROBE_DROP;
-  if (last_picture_ && time <= *last_picture_) return GST_PAD_PROBE_DROP;
   const int64_t place = GridPlace(time, options_.keyframe_interval_ns);
   // The encoder makes the first one a keyframe by itself.
   if (last_picture_ && place != last_place_) {
-    const GstClockTime at = GST_BUFFER_PTS(frame);
+    const auto at = static_cast<GstClockTime>(time + kLeadNs);
     gst_pad_push_event(pad, gst_video_event_new_downstream_force_key_unit(at, at, at, TRUE, 0));
   }
   if (!last_picture_) times_.SetPicture(time);
@@ -273,8 +296,7 @@ GstPadProbeReturn Branch::OnPacket(GstPad* pad, GstPadProbeInfo* info) {
     ended_ = true;
     return GST_PAD_PROBE_DROP;
   }
-  GstBuffer* packet = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(info));
-  GST_PAD_PROBE_INFO_DATA(info) = packet;
+  GstBuffer* packet = Writable(info);
   GST_BUFFER_PTS(packet) = RunningTime(packet_segment_, GST_BUFFER_PTS(packet), padding_);
   GST_BUFFER_DTS(packet) = RunningTime(packet_segment_, GST_BUFFER_DTS(packet), padding_);
   if (!HasTime(packet)) return packets_ == 0 ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;

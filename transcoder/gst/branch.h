@@ -77,9 +77,11 @@ class Branch {
   GstElement* picture_ = nullptr;
   // Pictures.
   bool reorders_ = false;
+  bool has_shown_times_ = false;  // a coded picture has said when it is shown
   std::mutex mutex_;
   std::deque<GstClockTime> decoding_times_;  // of pictures that have not come out yet
-  std::optional<int64_t> last_picture_;
+  std::optional<int64_t> last_decoded_;
+  std::optional<int64_t> last_picture_;  // of the run
   int64_t last_place_ = -1;
   bool has_key_ = false;
   // Sound.

@@ -14,8 +14,11 @@ using Lock = std::lock_guard<std::mutex>;
 
 // A track that has not shown itself when another one has come this far begins later than that one.
 constexpr int64_t kSurelyBehindNs = kSecondNs;
+// So long after it is decoded a picture has surely been shown, and the ones behind it have found
+// their times.
+constexpr int64_t kShownBehindNs = kSecondNs;
 // Read ahead so much, in time; more where the other track has nothing yet, up to so many bytes.
-constexpr char kQueueTimeNs[] = "10000000000";
+constexpr guint64 kQueueTimeNs = 10 * kSecondNs;
 constexpr char kQueueBytes[] = "268435456";
 
 StreamType TypeOf(const GstStructure* structure) {
@@ -123,7 +126,7 @@ void Source::Choose(Track& track, GstPad* pad) {
   GstElement* queue = MakeElement({"queue",
                                    {{"max-size-buffers", "0"},
                                     {"max-size-bytes", kQueueBytes},
-                                    {"max-size-time", kQueueTimeNs}},
+                                    {"max-size-time", std::to_string(kQueueTimeNs)}},
                                    ""},
                                   failure);
   GstElement* parser = parsed ? MakeElement({elements->parser, {}, ""}, failure) : nullptr;
@@ -150,7 +153,9 @@ void Source::Choose(Track& track, GstPad* pad) {
       track.out.get(),
       static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
       OnOutput, &track, nullptr);
-  g_signal_connect(queue, "overrun", G_CALLBACK(OnOverrun), &track);
+  for (const char* level : {"overrun", "underrun"}) {
+    g_signal_connect(queue, level, G_CALLBACK(OnQueueLevel), &track);
+  }
   const ObjectPtr<GstPad> queue_in(gst_element_get_static_pad(queue, "sink"));
   if (track.is_video) {
     gst_pad_add_probe(queue_in.get(), GST_PAD_PROBE_TYPE_BUFFER, OnParsed, &track, nullptr);
@@ -166,16 +171,30 @@ void Source::Choose(Track& track, GstPad* pad) {
   gst_pad_link(pad, first.get());
 }
 
-// A queue that is full while the other track has nothing would stop both.
-void Source::OnOverrun(GstElement* queue, gpointer data) {
-  auto* track = static_cast<Track*>(data);
-  Source& source = *track->source;
+void Source::OnQueueLevel(GstElement*, gpointer data) {
+  Source& source = *static_cast<Track*>(data)->source;
   const Lock lock(source.mutex_);
-  const Track* other = track->is_video ? source.audio_ : source.video_;
-  if (other == nullptr || other->ended || !other->queue) return;
-  guint waiting = 0;
-  g_object_get(other->queue.get(), "current-level-buffers", &waiting, nullptr);
-  if (waiting == 0) g_object_set(queue, "max-size-time", static_cast<guint64>(0), nullptr);
+  source.LetReadersOn();
+}
+
+// The demuxer waits for room in one queue. Nobody makes any before Release, and later nobody does
+// as long as there is nothing in the other one.
+void Source::LetReadersOn() {
+  for (const Track* track : {video_, audio_}) {
+    if (track == nullptr) continue;
+    guint64 level = 0, limit = 0;
+    g_object_get(track->queue.get(), "current-level-time", &level, "max-size-time", &limit,
+                 nullptr);
+    if (limit == 0 || level < limit) continue;
+    bool needed = !released_ && reading_ahead_;
+    const Track* other = track == video_ ? audio_ : video_;
+    if (other != nullptr && !other->ended) {
+      guint waiting = 0;
+      g_object_get(other->queue.get(), "current-level-buffers", &waiting, nullptr);
+      needed = needed || waiting == 0;
+    }
+    if (needed) g_object_set(track->queue.get(), "max-size-time", guint64{0}, nullptr);
+  }
 }
 
 GstPadProbeReturn Source::OnInput(GstPad*, GstPadProbeInfo* info, gpointer data) {
@@ -256,7 +275,11 @@ GstPadProbeReturn Source::OnParsed(GstPad*, GstPadProbeInfo* info, gpointer data
     if (source.released_ || source.flush_awaited_) return GST_PAD_PROBE_OK;
     const int64_t at = source.TimeIn(track->segment, time);
     source.parsed_ = std::max(source.parsed_, at);
-    if (!GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT)) source.keys_.push_back(at);
+    const bool timed = GST_BUFFER_PTS_IS_VALID(buffer);
+    source.some_timed_ = source.some_timed_ || timed;
+    if (!GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT)) {
+      source.keys_.push_back(timed || !source.some_timed_ ? at : at + kShownBehindNs);
+    }
   }
   source.Wake();
   return GST_PAD_PROBE_OK;
@@ -309,6 +332,7 @@ bool Source::Seek(int64_t time) {
   {
     const Lock lock(mutex_);
     flush_awaited_ = true;
+    reading_ahead_ = true;
     if (reader_.times != TimeStamps::kFile) time += origin_;
     pad.reset(GST_PAD(gst_object_ref(video_->in.get())));
   }
@@ -320,14 +344,16 @@ bool Source::Seek(int64_t time) {
 
 bool Source::FirstKeyKnown() {
   const Lock lock(mutex_);
-  return !flush_awaited_ && (!keys_.empty() || video_->ended);
+  reading_ahead_ = flush_awaited_ || (keys_.empty() && !video_->ended);
+  return !reading_ahead_;
 }
 
 bool Source::ReadUpTo(int64_t time) {
-  g_object_set(video_->queue.get(), "max-size-time", static_cast<guint64>(0), nullptr);
   const Lock lock(mutex_);
   // Pictures are not stored in their order.
-  return parsed_ - origin_ > time + kSecondNs || video_->ended;
+  reading_ahead_ = parsed_ - origin_ <= time + kSecondNs && !video_->ended;
+  if (reading_ahead_) LetReadersOn();
+  return !reading_ahead_;
 }
 
 std::optional<int64_t> Source::KeyBefore(int64_t time) {
@@ -345,7 +371,9 @@ void Source::Release() {
     released_ = true;
   }
   for (Track* track : {video_, audio_}) {
-    if (track != nullptr) gst_pad_remove_probe(track->out.get(), track->block);
+    if (track == nullptr) continue;
+    g_object_set(track->queue.get(), "max-size-time", kQueueTimeNs, nullptr);
+    gst_pad_remove_probe(track->out.get(), track->block);
   }
 }
 

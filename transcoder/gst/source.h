@@ -73,7 +73,7 @@ class Source {
 
   static void OnPadAdded(GstElement*, GstPad* pad, gpointer self);
   static void OnNoMorePads(GstElement*, gpointer self);
-  static void OnOverrun(GstElement*, gpointer track);
+  static void OnQueueLevel(GstElement*, gpointer track);
   static GstPadProbeReturn OnInput(GstPad*, GstPadProbeInfo* info, gpointer track);
   static GstPadProbeReturn OnParsed(GstPad*, GstPadProbeInfo* info, gpointer track);
   static GstPadProbeReturn OnOutput(GstPad*, GstPadProbeInfo* info, gpointer track);
@@ -87,6 +87,7 @@ class Source {
   GstClockTime Mapped(const Track& track, GstClockTime time) const;
   bool Settled() const;
   void FindOrigin();
+  void LetReadersOn();
   void Wake();
 
   GstElement* bin_;
@@ -103,7 +104,9 @@ class Source {
   // Of the video since the last Seek, on the demuxer's timeline.
   std::vector<int64_t> keys_;
   int64_t parsed_ = INT64_MIN;
-  int64_t origin_ = 0;  // the source's start on it
+  bool reading_ahead_ = false;  // somebody waits for more of the video to come
+  bool some_timed_ = false;     // a picture of the video had a time at which it is shown
+  int64_t origin_ = 0;          // the source's start on it
   bool origin_known_ = false;
   Failure failure_;
 };
