@@ -219,6 +219,25 @@ TEST_P(LauncherStreams, ProgressiveStreamPlaysToItsEnd) {
   EXPECT_NEAR(whole.sound.front().pts, whole.video.front().pts, 0.05);
 }
 
+// Which is what byte ranges are made of: a picture of one colour is as large as grain.
+TEST_P(LauncherStreams, ProgressiveStreamIsAsLargeAsPredicted) {
+  for (const char* pictures : {"color=c=0x336699", "testsrc2,noise=alls=20:allf=t"}) {
+    SCOPED_TRACE(pictures);
+    const std::string film = "/tmp/film.mkv";
+    ASSERT_EQ(tarn::test::RunProgram(
+                  {"ffmpeg",   "-nostdin", "-v",      "error", "-y",      "-f",      "lavfi",
+                   "-i",       pictures,   "-f",      "lavfi", "-i",      "sine",    "-t",
+                   "20",       "-s",       "640x360", "-c:v",  "libx264", "-preset", "ultrafast",
+                   "-pix_fmt", "yuv420p",  "-c:a",    "aac",   film})
+                  .status,
+              0);
+    const std::string id = PrepareHttp(film);
+    const auto predicted = static_cast<double>(HttpStream(id).VTE_HTTP_PredictTransFileSize());
+    const auto size = static_cast<double>(PlayHttp(id, 0, "/tmp/film.ts"));
+    EXPECT_NEAR(predicted / size, 1, 0.2);
+  }
+}
+
 // Time stamps count from the second where it starts.
 TEST_P(LauncherStreams, ProgressiveStreamStartsAtASecond) {
   PlayHttp(PrepareHttp(kClip), 0, "/tmp/whole.ts");

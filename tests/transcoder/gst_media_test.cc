@@ -284,6 +284,32 @@ TEST(GstMedia, AsfHoldsWindowsMedia) {
   }
 }
 
+// A picture of one colour needs next to nothing.
+TEST(GstMedia, TheRateIsKeptOnlyWhenAsked) {
+  const std::string source = "/volume1/plain.mkv";
+  ASSERT_EQ(RunProgram({"/usr/bin/ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
+                        "color=c=0x336699:s=320x180:r=25:d=12", "-c:v", "libx264", "-preset",
+                        "ultrafast", source})
+                .status,
+            0);
+  const auto video = [&](const Words& more) {
+    Words words = {"--vb", "1000k"};
+    words.insert(words.end(), more.begin(), more.end());
+    const std::string made = Made(source, words);
+    const SeenMedia seen = ReadMedia(made);
+    EXPECT_EQ(seen.video.size(), 300u);
+    const ProgramResult decoded = RunProgram(
+        {"/usr/bin/ffmpeg", "-nostdin", "-v", "error", "-i", made, "-f", "null", "/dev/null"});
+    EXPECT_EQ(decoded.err, "");
+    double bytes = 0;
+    for (const SeenPacket& packet : seen.video) bytes += packet.size;
+    return bytes;
+  };
+  constexpr double kAsked = 1'000'000 / 8 * 12;
+  EXPECT_LT(video({}), 0.2 * kAsked);
+  EXPECT_NEAR(video({"--fill"}), kAsked, 0.06 * kAsked);
+}
+
 TEST(GstMedia, ACopyBeginsWithTheKeyframeBefore) {
   // Keyframes at 0.5, 1.1, 1.2, 5.3, 8.01, 12, 15.9, ... and a picture's length more.
   for (const char* container : {"mpegts", "matroska"}) {

@@ -135,6 +135,14 @@ TEST(GstOptions, InputAndOutputMustBeThere) {
   EXPECT_EQ(Refusal({"-i", "/film.mkv"}), "option -o is missing");
 }
 
+TEST(GstOptions, OnlyARateThatIsGivenIsKept) {
+  EXPECT_FALSE(Parsed({"--vb", "500k"}).fill);
+  EXPECT_TRUE(Parsed({"--fill", "--vb", "500k"}).fill);
+  EXPECT_EQ(RefusalBehindFiles({"--fill"}), "option --fill needs --vb");
+  EXPECT_EQ(RefusalBehindFiles({"--fill", "--vb", "500k", "--container", "matroska"}),
+            "option --fill: only mpegts is filled up");
+}
+
 // A file name is never taken for an option.
 TEST(GstOptions, ANameMayLookLikeAnOption) {
   EXPECT_EQ(Parsed({"-i", "--help"}).input, "--help");
@@ -149,7 +157,7 @@ TEST(GstOptions, QuestionsNeedNoFile) {
   EXPECT_EQ(options.request, Request::kListEncoders);
   for (const char* name :
        {"-s ", "-i ", "-o ", "--aidx", "--vcodec", "--acodec", "--vb", "--ab", "--ar", "--ac",
-        "--size", "--keyint", "--container", "--shiftpts", "--list-encoders", "--help"}) {
+        "--fill", "--size", "--keyint", "--container", "--shiftpts", "--list-encoders", "--help"}) {
     EXPECT_THAT(kHelp, HasSubstr(name));
   }
 }

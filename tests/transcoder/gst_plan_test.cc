@@ -64,6 +64,19 @@ TEST(GstPlan, AnEncodedFilmInMpegTs) {
   EXPECT_FALSE(plan.turned);
 }
 
+TEST(GstPlan, WhatIsFilledUpComesPictureByPicture) {
+  Options options;
+  options.video_bit_rate = 1'500'000;
+  EXPECT_FALSE(Planned(options, Film()).fill);
+  options.fill = true;
+  const Plan plan = Planned(options, Film());
+  EXPECT_TRUE(plan.fill);
+  EXPECT_EQ(Line(plan.video.back()),
+            "capsfilter caps=video/x-h264,alignment=au,stream-format=byte-stream");
+  options.video_codec = VideoCodec::kCopy;
+  EXPECT_FALSE(Planned(options, Film()).fill);
+}
+
 TEST(GstPlan, SoundEncoders) {
   Options options;
   options.audio_bit_rate = 192'000;

@@ -122,10 +122,13 @@ TEST(Profiles, LauncherProfilesHoldLauncherOptionsOnly) {
     if (p.row.runs_on != "GStreamer") continue;
     SCOPED_TRACE(p.row.key);
     ++seen;
-    ASSERT_EQ(p.words.size() % 2, 0u);
-    for (size_t i = 0; i < p.words.size(); i += 2) {
-      EXPECT_THAT(known, Contains(p.words[i]));
-      EXPECT_THAT(p.words[i + 1], Not(::testing::StartsWith("-")));
+    std::vector<std::string> words = p.words;
+    // Only a progressive stream is as large as predicted; elsewhere filler would be a waste.
+    EXPECT_EQ(std::erase(words, "--fill"), p.row.key.starts_with("http_") ? 1u : 0u);
+    ASSERT_EQ(words.size() % 2, 0u);
+    for (size_t i = 0; i < words.size(); i += 2) {
+      EXPECT_THAT(known, Contains(words[i]));
+      EXPECT_THAT(words[i + 1], Not(::testing::StartsWith("-")));
     }
     EXPECT_EQ(WordAfter(p.words, {"--vcodec"}), "h264");
     EXPECT_EQ(WordAfter(p.words, {"--container"}), "mpegts");

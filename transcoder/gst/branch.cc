@@ -276,6 +276,19 @@ GstPadProbeReturn Branch::OnSound(GstPad* pad, GstPadProbeInfo* info) {
   return GST_PAD_PROBE_OK;
 }
 
+void Branch::Fill(GstBuffer* packet, int64_t time) {
+  const size_t size = filler_.Behind(time, gst_buffer_get_size(packet));
+  if (size == 0) return;
+  const std::vector<uint8_t> unit = FillerUnit(size);
+  GstMemory* memory = gst_allocator_alloc(nullptr, unit.size(), nullptr);
+  GstMapInfo map;
+  if (gst_memory_map(memory, &map, GST_MAP_WRITE)) {
+    std::ranges::copy(unit, map.data);
+    gst_memory_unmap(memory, &map);
+  }
+  gst_buffer_append_memory(packet, memory);
+}
+
 GstPadProbeReturn Branch::OnPacket(GstPad* pad, GstPadProbeInfo* info) {
   if (!IsBuffer(info)) {
     GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
@@ -309,6 +322,7 @@ GstPadProbeReturn Branch::OnPacket(GstPad* pad, GstPadProbeInfo* info) {
     has_key_ = true;
     times_.SetPicture(time);
   }
+  if (is_video_ && plan_.fill) Fill(packet, time);
   const bool ticks = options_.container == Container::kMpegTs;
   GST_BUFFER_PTS(packet) = Written(GST_BUFFER_PTS(packet), times_.written_from, ticks);
   GST_BUFFER_DTS(packet) = Written(GST_BUFFER_DTS(packet), times_.written_from, ticks);

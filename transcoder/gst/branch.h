@@ -12,6 +12,7 @@
 #include <optional>
 #include <vector>
 
+#include "transcoder/gst/filler.h"
 #include "transcoder/gst/handles.h"
 #include "transcoder/gst/plan.h"
 #include "transcoder/gst/timeline.h"
@@ -40,7 +41,12 @@ class RunTimes {
 class Branch {
  public:
   Branch(GstElement* bin, const Options& options, const Plan& plan, RunTimes& times, bool is_video)
-      : bin_(bin), options_(options), plan_(plan), times_(times), is_video_(is_video) {}
+      : bin_(bin),
+        options_(options),
+        plan_(plan),
+        times_(times),
+        is_video_(is_video),
+        filler_(options.video_bit_rate) {}
   Branch(const Branch&) = delete;
   Branch& operator=(const Branch&) = delete;
 
@@ -61,6 +67,7 @@ class Branch {
   GstPadProbeReturn OnPicture(GstPad* pad, GstPadProbeInfo* info);
   GstPadProbeReturn OnSound(GstPad* pad, GstPadProbeInfo* info);
   GstPadProbeReturn OnPacket(GstPad* pad, GstPadProbeInfo* info);
+  void Fill(GstBuffer* packet, int64_t time);
   void SetShownTime(GstPadProbeInfo* info);
   void SetPicture(GstEvent* event);
   void SetSound(GstEvent* event);
@@ -91,6 +98,7 @@ class Branch {
   bool in_silence_ = false;
   // Packets.
   GstSegment packet_segment_ = {};
+  FillerMeter filler_;
   std::atomic<int64_t> padding_{0};  // by which the encoder is late, in nanoseconds
   std::atomic<uint64_t> packets_{0};
   bool ended_ = false;

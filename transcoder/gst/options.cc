@@ -175,6 +175,10 @@ Failure ParseOptions(const std::vector<std::string>& words, Options& options) {
       options.shift = true;
       continue;
     }
+    if (name == "--fill") {
+      options.fill = true;
+      continue;
+    }
     bool known = false;
     const std::string value = i + 1 < words.size() ? words[i + 1] : "";
     const bool good = SetOption(name, value, options, known);
@@ -187,6 +191,10 @@ Failure ParseOptions(const std::vector<std::string>& words, Options& options) {
   if (options.request != Request::kRun) return {};
   if (options.input.empty()) return Bad("option -i is missing");
   if (!has_output) return Bad("option -o is missing");
+  if (options.fill && options.video_bit_rate == 0) return Bad("option --fill needs --vb");
+  if (options.fill && options.container != Container::kMpegTs) {
+    return Bad("option --fill: only mpegts is filled up");
+  }
   return {};
 }
 
@@ -207,6 +215,7 @@ const char kHelp[] =
   --vb N[k], --ab N[k]  bits per second
   --ar N, --ac N      samples per second, channels (as the source)
   --size NAME, --size WxH  box that the picture is fitted into, in its own shape (as the source)
+  --fill              the video keeps to --vb even where pictures need less; mpegts alone
   --keyint SECONDS    a keyframe at every multiple of this, counted from the file's start (5)
   --container WORD    mpegts, matroska or asf (mpegts)
   --shiftpts          time stamps count from the file's start: the first one is the start position.
@@ -216,8 +225,8 @@ const char kHelp[] =
                       were installed
   --help
 
-Of a repeated option the last one counts. --vb, --size and --keyint do nothing to a copy. In MPEG-TS
-every time stamp lies 3900 seconds behind what is said above.
+Of a repeated option the last one counts. --vb, --fill, --size and --keyint do nothing to a copy.
+In MPEG-TS every time stamp lies 3900 seconds behind what is said above.
 
   0  the whole output was written     6  no such audio track
   1  some other failure               7  a codec that nothing decodes or the container cannot hold

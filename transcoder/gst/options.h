@@ -38,6 +38,7 @@ struct Options {
   std::optional<Box> box;
   Container container = Container::kMpegTs;
   int64_t keyframe_interval_ns = 5'000'000'000;
+  bool fill = false;   // pictures that need less than the bit rate are filled up
   bool shift = false;  // time stamps begin at the start position instead of at zero
 };
 

@@ -115,6 +115,8 @@ Failure PlanVideo(const Options& options, const Tracks& tracks, const std::strin
   plan.video.push_back(H264Encoder(h264_encoder, options.video_bit_rate));
   plan.video.push_back(Caps("video/x-h264,profile=main"));
   plan.video.push_back({"h264parse", {{"config-interval", "-1"}}, ""});
+  plan.fill = options.fill;
+  if (plan.fill) plan.video.push_back(Caps("video/x-h264,alignment=au,stream-format=byte-stream"));
   return {};
 }
 

@@ -36,6 +36,7 @@ struct Plan {
   std::vector<Element> video;
   std::vector<Element> audio;  // empty pads where `has_audio` is false
   bool has_audio = false;
+  bool fill = false;  // packets of video come as whole pictures in byte stream format, to be filled
   VideoCodec video_codec = VideoCodec::kH264;
   AudioCodec audio_codec = AudioCodec::kAac;
   bool turned = false;         // by a quarter
