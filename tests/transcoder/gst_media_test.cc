@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -322,6 +323,29 @@ TEST(GstMedia, ACopyBeginsWithTheKeyframeBefore) {
     EXPECT_TRUE(seen.video.at(0).key);
     EXPECT_NEAR(seen.sound.at(0).pts - zero, 12.03, 0.03);
     EXPECT_EQ(seen.Stream("audio")["codec_name"], "ac3");
+  }
+}
+
+TEST(GstMedia, ACopyHasTheSourcesTimes) {
+  const struct {
+    const char* source;
+    const char* start;
+    double keyframe;
+  } kinds[] = {{"container.mp4", "0", 0},   {"film.avi", "7", 5.64},
+               {"film.avi", "0", 0},        {"film-no-edits.mp4", "0", 0},
+               {"film-late.mkv", "7", 5.2}, {"film-near.ts", "7", 6.4}};
+  for (const auto& [source, start, keyframe] : kinds) {
+    SCOPED_TRACE(std::string(source) + " from " + start);
+    const SeenMedia seen = ReadMedia(Made(Media(source), {"-s", start, "--vcodec", "copy"}));
+    std::vector<double> shown = Times(seen.video, kLauncherZero - std::atof(start));
+    std::sort(shown.begin(), shown.end());
+    std::vector<double> expected;
+    for (const double time : PicturesSinceStart(Media(source))) {
+      if (time >= keyframe - kRounding) expected.push_back(time);
+    }
+    ASSERT_EQ(shown.size(), expected.size());
+    for (size_t i = 0; i < shown.size(); ++i) EXPECT_NEAR(shown[i], expected[i], kRounding) << i;
+    for (size_t i = 0; i < shown.size(); ++i) EXPECT_LE(seen.video[i].dts, seen.video[i].pts) << i;
   }
 }
 

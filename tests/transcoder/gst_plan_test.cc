@@ -117,7 +117,7 @@ TEST(GstPlan, CopiesGoThroughAParserOrNothing) {
   EXPECT_THAT(Lines(Planned(options, Film()).video),
               ElementsAre("h264parse config-interval=-1",
                           "capsfilter caps=video/x-h264,alignment=au,stream-format=byte-stream",
-                          "h264timestamper"));
+                          "h264timestamper (clock)"));
   EXPECT_THAT(Planned(options, Film()).audio, IsEmpty());
   EXPECT_TRUE(Planned(options, Film()).has_audio);
   options.container = Container::kMatroska;

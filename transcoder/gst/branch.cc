@@ -98,6 +98,9 @@ Failure Branch::Build(GstPad* from, GstElement* muxer, bool reorders) {
       Watch<&Branch::OnCoded>(element, "sink", GST_PAD_PROBE_TYPE_BUFFER);
       Watch<&Branch::OnPicture>(element, "src", kBufferOrEvent);
     }
+    if (wanted.role == "clock") {
+      Watch<&Branch::OnClock>(element, "sink", GST_PAD_PROBE_TYPE_BUFFER);
+    }
     if (wanted.role == "sound") Watch<&Branch::OnSound>(element, "src", kBufferOrEvent);
     if (wanted.role == "picture") picture_ = element;
     if (!elements_.empty() && !gst_element_link(elements_.back(), element)) {
@@ -276,6 +279,34 @@ GstPadProbeReturn Branch::OnSound(GstPad* pad, GstPadProbeInfo* info) {
   return GST_PAD_PROBE_OK;
 }
 
+GstPadProbeReturn Branch::OnClock(GstPad*, GstPadProbeInfo* info) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  shown_times_.push_back(GST_BUFFER_PTS(GST_PAD_PROBE_INFO_BUFFER(info)));
+  return GST_PAD_PROBE_OK;
+}
+
+// The clock's own timeline may jump behind its first packet. What can be believed is its order, and
+// how long before it is shown a picture is decoded.
+void Branch::SetRunningTimes(GstBuffer* packet) {
+  const GstClockTime pts = GST_BUFFER_PTS(packet);
+  const GstClockTime dts = GST_BUFFER_DTS(packet);
+  GstClockTime shown = GST_CLOCK_TIME_NONE;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!shown_times_.empty()) {
+      shown = shown_times_.front();
+      shown_times_.pop_front();
+    }
+  }
+  if (!GST_CLOCK_TIME_IS_VALID(shown) || !GST_CLOCK_TIME_IS_VALID(pts)) {
+    GST_BUFFER_PTS(packet) = RunningTime(packet_segment_, pts, padding_);
+    GST_BUFFER_DTS(packet) = RunningTime(packet_segment_, dts, padding_);
+    return;
+  }
+  GST_BUFFER_PTS(packet) = shown;
+  if (GST_CLOCK_TIME_IS_VALID(dts)) GST_BUFFER_DTS(packet) = shown - std::min(pts - dts, shown);
+}
+
 void Branch::Fill(GstBuffer* packet, int64_t time) {
   const size_t size = filler_.Behind(time, gst_buffer_get_size(packet));
   if (size == 0) return;
@@ -310,8 +341,7 @@ GstPadProbeReturn Branch::OnPacket(GstPad* pad, GstPadProbeInfo* info) {
     return GST_PAD_PROBE_DROP;
   }
   GstBuffer* packet = Writable(info);
-  GST_BUFFER_PTS(packet) = RunningTime(packet_segment_, GST_BUFFER_PTS(packet), padding_);
-  GST_BUFFER_DTS(packet) = RunningTime(packet_segment_, GST_BUFFER_DTS(packet), padding_);
+  SetRunningTimes(packet);
   if (!HasTime(packet)) return packets_ == 0 ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
   const int64_t time = TimeOf(packet);
   if (!(is_video_ ? Belongs(time, times_.start) : times_.SoundBelongs(time))) {

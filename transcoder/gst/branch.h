@@ -66,8 +66,10 @@ class Branch {
   GstPadProbeReturn OnCoded(GstPad* pad, GstPadProbeInfo* info);
   GstPadProbeReturn OnPicture(GstPad* pad, GstPadProbeInfo* info);
   GstPadProbeReturn OnSound(GstPad* pad, GstPadProbeInfo* info);
+  GstPadProbeReturn OnClock(GstPad* pad, GstPadProbeInfo* info);
   GstPadProbeReturn OnPacket(GstPad* pad, GstPadProbeInfo* info);
   void Fill(GstBuffer* packet, int64_t time);
+  void SetRunningTimes(GstBuffer* packet);
   void SetShownTime(GstPadProbeInfo* info);
   void SetPicture(GstEvent* event);
   void SetSound(GstEvent* event);
@@ -87,6 +89,7 @@ class Branch {
   bool has_shown_times_ = false;  // a coded picture has said when it is shown
   std::mutex mutex_;
   std::deque<GstClockTime> decoding_times_;  // of pictures that have not come out yet
+  std::deque<GstClockTime> shown_times_;  // of packets that the clock has not let out yet
   std::optional<int64_t> last_decoded_;
   std::optional<int64_t> last_picture_;  // of the run
   int64_t last_place_ = -1;

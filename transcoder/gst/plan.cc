@@ -69,7 +69,7 @@ void AddCopy(const std::string& codec, const std::string& boxed, Container conta
   plan.video.push_back({codec + "parse", {{"config-interval", "-1"}}, ""});
   plan.video.push_back(
       Caps("video/x-" + codec + ",alignment=au,stream-format=" + (stream ? "byte-stream" : boxed)));
-  plan.video.push_back({codec + "timestamper", {}, ""});
+  plan.video.push_back({codec + "timestamper", {}, "clock"});
 }
 
 Failure PlanVideo(const Options& options, const Tracks& tracks, const std::string& h264_encoder,
