@@ -349,6 +349,13 @@ TEST(GstMedia, ACopyHasTheSourcesTimes) {
   }
 }
 
+// Its keyframes are recovery points, and its header alone has the parameter sets.
+TEST(GstMedia, ACopyFromARecoveryPointCanBeDecoded) {
+  const std::string made = Made(Media("film-open.mp4"), {"-s", "7", "--vcodec", "copy"});
+  EXPECT_EQ(ReadMedia(made).messages, "");
+  EXPECT_EQ(ShownTimes(made).size(), 600u);
+}
+
 TEST(GstMedia, SoundThatMpegTsCannotHoldIsEncoded) {
   const SeenMedia seen = ReadMedia(Made(Media("film-surround.mkv"), {"--acodec", "copy"}));
   EXPECT_EQ(seen.Stream("audio")["codec_name"], "ac3");

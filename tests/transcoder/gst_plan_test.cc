@@ -115,7 +115,7 @@ TEST(GstPlan, CopiesGoThroughAParserOrNothing) {
   options.video_codec = VideoCodec::kCopy;
   options.audio_codec = AudioCodec::kCopy;
   EXPECT_THAT(Lines(Planned(options, Film()).video),
-              ElementsAre("h264parse config-interval=-1",
+              ElementsAre("h264parse config-interval=-1 (boxed)",
                           "capsfilter caps=video/x-h264,alignment=au,stream-format=byte-stream",
                           "h264timestamper (clock)"));
   EXPECT_THAT(Planned(options, Film()).audio, IsEmpty());

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "transcoder/gst/parameter_sets.h"
 #include "transcoder/gst/plugins.h"
 
 namespace tarn::gst {
@@ -28,6 +29,16 @@ GstBuffer* Writable(GstPadProbeInfo* info) {
   GstBuffer* buffer = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(info));
   GST_PAD_PROBE_INFO_DATA(info) = buffer;
   return buffer;
+}
+
+GstMemory* MemoryOf(const std::vector<uint8_t>& bytes) {
+  GstMemory* memory = gst_allocator_alloc(nullptr, bytes.size(), nullptr);
+  GstMapInfo map;
+  if (gst_memory_map(memory, &map, GST_MAP_WRITE)) {
+    std::ranges::copy(bytes, map.data);
+    gst_memory_unmap(memory, &map);
+  }
+  return memory;
 }
 
 // Since the source's start.
@@ -97,6 +108,9 @@ Failure Branch::Build(GstPad* from, GstElement* muxer, bool reorders) {
       reorders_ = reorders;
       Watch<&Branch::OnCoded>(element, "sink", GST_PAD_PROBE_TYPE_BUFFER);
       Watch<&Branch::OnPicture>(element, "src", kBufferOrEvent);
+    }
+    if (wanted.role == "boxed") {
+      Watch<&Branch::OnBoxed>(element, "sink", GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM);
     }
     if (wanted.role == "clock") {
       Watch<&Branch::OnClock>(element, "sink", GST_PAD_PROBE_TYPE_BUFFER);
@@ -307,17 +321,46 @@ void Branch::SetRunningTimes(GstBuffer* packet) {
   if (GST_CLOCK_TIME_IS_VALID(dts)) GST_BUFFER_DTS(packet) = shown - std::min(pts - dts, shown);
 }
 
+GstPadProbeReturn Branch::OnBoxed(GstPad*, GstPadProbeInfo* info) {
+  GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
+  if (GST_EVENT_TYPE(event) != GST_EVENT_CAPS) return GST_PAD_PROBE_OK;
+  GstCaps* caps = nullptr;
+  gst_event_parse_caps(event, &caps);
+  GstBuffer* record = nullptr;
+  gst_structure_get(gst_caps_get_structure(caps, 0), "codec_data", GST_TYPE_BUFFER, &record,
+                    nullptr);
+  GstMapInfo map;
+  if (record != nullptr && gst_buffer_map(record, &map, GST_MAP_READ)) {
+    const std::lock_guard<std::mutex> lock(sets_mutex_);
+    parameter_sets_ = ParameterSets({map.data, map.size});
+    gst_buffer_unmap(record, &map);
+  }
+  if (record != nullptr) gst_buffer_unref(record);
+  return GST_PAD_PROBE_OK;
+}
+
+void Branch::AddParameterSets(GstBuffer* packet) {
+  const std::lock_guard<std::mutex> lock(sets_mutex_);
+  if (parameter_sets_.empty()) return;
+  GstMapInfo map;
+  if (!gst_buffer_map(packet, &map, GST_MAP_READ)) return;
+  const auto place = PlaceOfParameterSets({map.data, map.size});
+  gst_buffer_unmap(packet, &map);
+  if (!place) return;
+  GstMemory* picture = gst_buffer_get_all_memory(packet);
+  gst_buffer_remove_all_memory(packet);
+  if (*place > 0) {
+    gst_buffer_append_memory(packet, gst_memory_share(picture, 0, static_cast<gssize>(*place)));
+  }
+  gst_buffer_append_memory(packet, MemoryOf(parameter_sets_));
+  gst_buffer_append_memory(packet, gst_memory_share(picture, static_cast<gssize>(*place), -1));
+  gst_memory_unref(picture);
+}
+
 void Branch::Fill(GstBuffer* packet, int64_t time) {
   const size_t size = filler_.Behind(time, gst_buffer_get_size(packet));
   if (size == 0) return;
-  const std::vector<uint8_t> unit = FillerUnit(size);
-  GstMemory* memory = gst_allocator_alloc(nullptr, unit.size(), nullptr);
-  GstMapInfo map;
-  if (gst_memory_map(memory, &map, GST_MAP_WRITE)) {
-    std::ranges::copy(unit, map.data);
-    gst_memory_unmap(memory, &map);
-  }
-  gst_buffer_append_memory(packet, memory);
+  gst_buffer_append_memory(packet, MemoryOf(FillerUnit(size)));
 }
 
 GstPadProbeReturn Branch::OnPacket(GstPad* pad, GstPadProbeInfo* info) {
@@ -351,6 +394,9 @@ GstPadProbeReturn Branch::OnPacket(GstPad* pad, GstPadProbeInfo* info) {
     if (GST_BUFFER_FLAG_IS_SET(packet, GST_BUFFER_FLAG_DELTA_UNIT)) return GST_PAD_PROBE_DROP;
     has_key_ = true;
     times_.SetPicture(time);
+  }
+  if (is_video_ && !GST_BUFFER_FLAG_IS_SET(packet, GST_BUFFER_FLAG_DELTA_UNIT)) {
+    AddParameterSets(packet);
   }
   if (is_video_ && plan_.fill) Fill(packet, time);
   const bool ticks = options_.container == Container::kMpegTs;

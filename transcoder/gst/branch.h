@@ -68,6 +68,8 @@ class Branch {
   GstPadProbeReturn OnSound(GstPad* pad, GstPadProbeInfo* info);
   GstPadProbeReturn OnClock(GstPad* pad, GstPadProbeInfo* info);
   GstPadProbeReturn OnPacket(GstPad* pad, GstPadProbeInfo* info);
+  GstPadProbeReturn OnBoxed(GstPad* pad, GstPadProbeInfo* info);
+  void AddParameterSets(GstBuffer* packet);
   void Fill(GstBuffer* packet, int64_t time);
   void SetRunningTimes(GstBuffer* packet);
   void SetShownTime(GstPadProbeInfo* info);
@@ -89,7 +91,7 @@ class Branch {
   bool has_shown_times_ = false;  // a coded picture has said when it is shown
   std::mutex mutex_;
   std::deque<GstClockTime> decoding_times_;  // of pictures that have not come out yet
-  std::deque<GstClockTime> shown_times_;  // of packets that the clock has not let out yet
+  std::deque<GstClockTime> shown_times_;     // of packets that the clock has not let out yet
   std::optional<int64_t> last_decoded_;
   std::optional<int64_t> last_picture_;  // of the run
   int64_t last_place_ = -1;
@@ -102,7 +104,9 @@ class Branch {
   // Packets.
   GstSegment packet_segment_ = {};
   FillerMeter filler_;
-  std::atomic<int64_t> padding_{0};  // by which the encoder is late, in nanoseconds
+  std::mutex sets_mutex_;
+  std::vector<uint8_t> parameter_sets_;  // for keyframes that have none; empty where all have
+  std::atomic<int64_t> padding_{0};      // by which the encoder is late, in nanoseconds
   std::atomic<uint64_t> packets_{0};
   bool ended_ = false;
 };

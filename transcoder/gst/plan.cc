@@ -63,10 +63,11 @@ Element Handover() {
 
 // Parameter sets come with every keyframe, since a segment may begin there, and decoding times
 // where the source keeps none. `boxed` is the format of the containers that keep parameter sets
-// apart.
+// apart. The parser adds the sets only where decoding can begin without looking back.
 void AddCopy(const std::string& codec, const std::string& boxed, Container container, Plan& plan) {
   const bool stream = container == Container::kMpegTs;
-  plan.video.push_back({codec + "parse", {{"config-interval", "-1"}}, ""});
+  const bool may_lack = stream && codec == "h264";
+  plan.video.push_back({codec + "parse", {{"config-interval", "-1"}}, may_lack ? "boxed" : ""});
   plan.video.push_back(
       Caps("video/x-" + codec + ",alignment=au,stream-format=" + (stream ? "byte-stream" : boxed)));
   plan.video.push_back({codec + "timestamper", {}, "clock"});

@@ -18,7 +18,8 @@ struct Element {
   std::vector<std::pair<std::string, std::string>> properties;
   // What the pipeline does at it: "decoder" (frames come out of it), "picture" (a capsfilter whose
   // caps follow the first frame), "sound" (what comes out is put on the grid of samples),
-  // "clock" (it says when pictures are decoded, on a timeline of its own).
+  // "boxed" (its caps hold parameter sets that the pictures it gets may lack), "clock" (it says
+  // when pictures are decoded, on a timeline of its own).
   std::string role;
 
   bool operator==(const Element&) const = default;
