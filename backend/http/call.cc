@@ -1,0 +1,153 @@
+#include "backend/http/call.h"
+
+#include <sys/epoll.h>
+
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+#include "backend/http/exchange.h"
+#include "backend/http/library_response.h"
+#include "backend/http/socket_state.h"
+#include "backend/http/target.h"
+#include "backend/http/text.h"
+
+namespace tarnbackend::http {
+namespace {
+
+// A body beyond the limit is still read, so that its sender sees the refusal and keeps its
+// connection; up to here.
+constexpr size_t kMaxDiscarded = 1024 * 1024;
+
+MHD_Result AddHeader(void* headers, MHD_ValueKind, const char* name, const char* value) {
+  static_cast<Headers*>(headers)->emplace_back(Lower(name), value == nullptr ? "" : value);
+  return MHD_YES;
+}
+
+// Puts the host of the request line where it overrides the header (RFC 9112, section 3.2.2).
+void ReplaceHost(const std::string& host, Headers& headers) {
+  std::erase_if(headers, [](const auto& header) { return header.first == "host"; });
+  headers.emplace_back("host", host);
+}
+
+}  // namespace
+
+Call::Call(Daemon& daemon, Peer& peer, MHD_Connection* connection, const char* line)
+    : daemon_(daemon),
+      peer_(peer),
+      connection_(connection),
+      line_(line),
+      request_(std::make_shared<Request>()) {
+  if (line != nullptr) request_->target = line;
+}
+
+Call::~Call() {
+  if (exchange_ != nullptr) exchange_->Detach();
+  const uint64_t bytes = status_ == 0 ? 0 : SentBytes();
+  if (response_) DropResponse(std::move(*response_));
+  TellPipeEnded();
+  for (const auto& ended : std::exchange(ended_, {})) ended();
+  if (status_ != 0) daemon_.CountAnswer(*request_, status_, bytes);
+}
+
+MHD_Result Call::Step(const char* method, const char* version, const char* upload, size_t* size) {
+  if (!headers_read_) return ReadHeaders(method, version);
+  if (*size > 0) return ReadBody(upload, std::exchange(*size, 0));
+  if (gone_) return MHD_NO;
+  if (!called_ && !response_) CallHandler();
+  if (response_) return Send();
+  Wait();
+  return MHD_YES;
+}
+
+MHD_Result Call::ReadHeaders(const char* method, const char* version) {
+  headers_read_ = true;
+  request_->method = method;
+  request_->client = peer_.address;
+  MHD_get_connection_values(connection_, MHD_HEADER_KIND, &AddHeader, &request_->headers);
+
+  std::optional<Target> target = ParseTarget(request_->target);
+  // The version stands behind the target in one buffer: where it does not, a NUL ended the target.
+  bool ok = target && version == line_ + request_->target.size() + 1;
+  if (ok && !target->authority.empty()) ReplaceHost(target->authority, request_->headers);
+  ok = ok &&
+       (version != std::string_view(MHD_HTTP_VERSION_1_1) || !request_->Header("host").empty());
+  if (target) {
+    request_->path = std::move(target->path);
+    request_->query = std::move(target->query);
+  }
+  response_ = Refusal(*request_, ok, daemon_.options());
+
+  const auto* head = MHD_get_connection_info(connection_, MHD_CONNECTION_INFO_REQUEST_HEADER_SIZE);
+  if (head != nullptr && head->header_size > daemon_.options().max_header_bytes) {
+    response_ = ErrorResponse(431, "too-large", "The head of the request is too long.");
+  }
+  const std::string length = request_->Header("content-length");
+  if (length.size() > 18 ||
+      std::strtoull(length.c_str(), nullptr, 10) > daemon_.options().max_body) {
+    response_ = ErrorResponse(413, "too-large", "The body of the request is too long.");
+    // One that would have to be read, or that the client has not begun to send: answered now, which
+    // ends the connection.
+    const bool asks_first = !request_->Header("expect").empty();
+    if (asks_first || length.size() > 18 ||
+        std::strtoull(length.c_str(), nullptr, 10) > kMaxDiscarded) {
+      return Send();
+    }
+  }
+  return MHD_YES;
+}
+
+MHD_Result Call::ReadBody(const char* upload, size_t size) {
+  const size_t room = daemon_.options().max_body - request_->body.size();
+  if (!response_ && size <= room) {
+    request_->body.append(upload, size);
+    return MHD_YES;
+  }
+  if (!response_)
+    response_ = ErrorResponse(413, "too-large", "The body of the request is too long.");
+  discarded_ += size;
+  return discarded_ <= kMaxDiscarded ? MHD_YES : MHD_NO;
+}
+
+void Call::CallHandler() {
+  called_ = true;
+  const auto exchange = std::make_shared<CallExchange>(*this, request_);
+  exchange_ = exchange.get();
+  try {
+    daemon_.handler()(exchange);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "tarnvte: %s: %s\n", request_->target.c_str(), error.what());
+    exchange->Reply(ErrorResponse(500, "failed", "The request could not be answered."));
+  }
+}
+
+void Call::ExchangeGone() {
+  exchange_ = nullptr;
+  Reply(ErrorResponse(500, "failed", "The request could not be answered."));
+}
+
+void Call::Reply(Response response) {
+  if (response_ || status_ != 0 || gone_) return DropResponse(std::move(response));
+  response_ = std::move(response);
+  if (waiting_) Wake();
+}
+
+MHD_Result Call::Send() {
+  const bool head = request_->method == "HEAD";
+  const Answer answer = DecideAnswer(*request_, *response_, daemon_.options());
+  const bool with_body = !head && answer.status != 304;
+  if (auto* pipe = std::get_if<PipeBody>(&response_->body)) TakePipe(std::move(*pipe));
+  const LibraryResponse made = MakeLibraryResponse(answer, *response_, *this, with_body);
+  response_.reset();
+  if (daemon_.draining()) MHD_add_response_header(made.response, "Connection", "close");
+  status_ = answer.status;
+  length_ = with_body ? made.length : 0;
+  if (length_ > 0) acknowledged_before_ = AcknowledgedBytes(peer_.fd);
+  const MHD_Result queued =
+      MHD_queue_response(connection_, static_cast<unsigned>(status_), made.response);
+  MHD_destroy_response(made.response);
+  return queued;
+}
+
+}  // namespace tarnbackend::http
