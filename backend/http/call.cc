@@ -1,6 +1,6 @@
 #include "backend/http/call.h"
 
-#include <sys/epoll.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <cstring>
@@ -138,16 +138,31 @@ MHD_Result Call::Send() {
   const Answer answer = DecideAnswer(*request_, *response_, daemon_.options());
   const bool with_body = !head && answer.status != 304;
   if (auto* pipe = std::get_if<PipeBody>(&response_->body)) TakePipe(std::move(*pipe));
+  if (with_body) NoteFile(answer);
   const LibraryResponse made = MakeLibraryResponse(answer, *response_, *this, with_body);
   response_.reset();
   if (daemon_.draining()) MHD_add_response_header(made.response, "Connection", "close");
   status_ = answer.status;
   length_ = with_body ? made.length : 0;
+  if (file_ >= 0) daemon_.GuardFiles();
   if (length_ > 0) acknowledged_before_ = AcknowledgedBytes(peer_.fd);
   const MHD_Result queued =
       MHD_queue_response(connection_, static_cast<unsigned>(status_), made.response);
   MHD_destroy_response(made.response);
   return queued;
+}
+
+void Call::NoteFile(const Answer& answer) {
+  const auto* file = std::get_if<FileBody>(&response_->body);
+  if (file == nullptr || answer.body != Answer::Body::kPlain) return;
+  file_ = file->fd.get();
+  file_end_ = answer.first + answer.length;
+}
+
+bool Call::FileLostItsEnd() const {
+  struct stat state {};
+  return file_ >= 0 &&
+         (fstat(file_, &state) != 0 || static_cast<uint64_t>(state.st_size) < file_end_);
 }
 
 }  // namespace tarnbackend::http

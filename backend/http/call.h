@@ -33,6 +33,9 @@ class Call {
   MHD_Result Step(const char* method, const char* version, const char* upload, size_t* size);
   // The whole answer was sent.
   void SetComplete() { complete_ = true; }
+  bool SendsFile() const { return file_ >= 0; }
+  // The file that is being sent has become too short.
+  bool FileLostItsEnd() const;
   // The server stops: nobody is answered any more.
   void Abandon();
   // The library's content reader for a pipe.
@@ -48,6 +51,7 @@ class Call {
   MHD_Result ReadBody(const char* upload, size_t size);
   void CallHandler();
   MHD_Result Send();
+  void NoteFile(const Answer& answer);
   // Leaves the connection alone until Wake; meanwhile only the client's going is noticed.
   void Wait();
   void Wake();
@@ -77,6 +81,9 @@ class Call {
   uint64_t length_ = 0;
   uint64_t acknowledged_before_ = 0;
   bool complete_ = false;
+  // The library's, while it is sent.
+  int file_ = -1;
+  uint64_t file_end_ = 0;
 
   std::optional<PipeBody> pipe_;
   size_t first_taken_ = 0;

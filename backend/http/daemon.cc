@@ -17,6 +17,9 @@
 namespace tarnbackend::http {
 namespace {
 
+// The library tries for ever to send what a file does not have any more.
+constexpr std::chrono::milliseconds kGuardPeriod(500);
+
 std::string AddressOf(MHD_Connection* connection) {
   const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
   if (info == nullptr || info->client_addr == nullptr) return "";
@@ -134,6 +137,7 @@ Daemon::~Daemon() {
   loop_.Cancel(run_timer_);
   loop_.Cancel(idle_timer_);
   loop_.Cancel(drained_timer_);
+  loop_.Cancel(guard_timer_);
 }
 
 void Daemon::RunSoon() {
@@ -177,6 +181,8 @@ void Daemon::Opened(MHD_Connection* connection, Peer*& peer) {
 void Daemon::Closed(Peer* peer) {
   peers_.erase(peer);
   counters_.connections = peers_.size();
+  // Where there were too many, the library looks for further ones only when it runs.
+  RunSoon();
   if (draining_ && peers_.empty()) TellDrainedSoon();
 }
 
@@ -184,6 +190,20 @@ void Daemon::CountAnswer(const Request& request, int status, uint64_t bytes) {
   ++counters_.requests;
   counters_.bytes += bytes;
   if (options_.finished) options_.finished(request, status, bytes);
+}
+
+void Daemon::GuardFiles() {
+  if (guard_timer_ != 0) return;
+  guard_timer_ = loop_.After(kGuardPeriod, [this] {
+    guard_timer_ = 0;
+    bool any = false;
+    for (const auto& [peer, owned] : peers_) {
+      if (peer->call == nullptr || !peer->call->SendsFile()) continue;
+      any = true;
+      if (peer->call->FileLostItsEnd()) shutdown(peer->fd, SHUT_RDWR);
+    }
+    if (any) GuardFiles();
+  });
 }
 
 void Daemon::Drain(std::function<void()> drained) {

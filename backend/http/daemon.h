@@ -47,6 +47,8 @@ class Daemon {
   bool draining() const { return draining_; }
   // Lets the connections that were resumed go on, once in a round of the loop.
   void RunSoon();
+  // Ends the connections whose file lost its end while it was sent, as long as files are sent.
+  void GuardFiles();
   // An answer has ended.
   void CountAnswer(const Request& request, int status, uint64_t bytes);
 
@@ -76,6 +78,7 @@ class Daemon {
   EventLoop::TimerId idle_timer_ = 0;
   EventLoop::Clock::time_point idle_time_;
   EventLoop::TimerId drained_timer_ = 0;
+  EventLoop::TimerId guard_timer_ = 0;
   std::function<void()> drained_;
   bool draining_ = false;
 };

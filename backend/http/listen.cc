@@ -16,6 +16,11 @@ namespace {
   throw std::runtime_error("cannot listen on " + address + ": " + why);
 }
 
+bool IsPort(const std::string& text) {
+  return !text.empty() && text.size() <= 5 &&
+         text.find_first_not_of("0123456789") == std::string::npos && std::stoi(text) <= 65535;
+}
+
 struct HostAndPort {
   std::string host, port;
 };
@@ -23,7 +28,7 @@ struct HostAndPort {
 HostAndPort Split(const std::string& address) {
   const size_t colon = address.rfind(':');
   std::string host = address.substr(0, colon);
-  if (colon == std::string::npos || host.empty() || colon + 1 == address.size()) {
+  if (colon == std::string::npos || host.empty() || !IsPort(address.substr(colon + 1))) {
     Refuse(address, "an address is written as 127.0.0.1:8080 or [::1]:8080");
   }
   const bool bracketed = host.front() == '[' && host.back() == ']';

@@ -103,7 +103,7 @@ struct Options {
   size_t max_connections_per_client = 512;
   size_t max_header_bytes = 16 * 1024;
   size_t max_body = 64 * 1024;
-  // A connection on which nothing moves for so long is closed, unless its request waits.
+  // A connection on which nothing moves for so long is closed, unless its request waits. 0: never.
   unsigned idle_seconds = 60;
   // Host names, without port, that a request's Host may have: what keeps a stranger's page from
   // reaching a server on loopback by a name of its own. Empty: any. Others get 421.

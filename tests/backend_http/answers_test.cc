@@ -157,12 +157,33 @@ TEST_F(AnswersTest, NoContentHasNoLength) {
 }
 
 TEST_F(AnswersTest, AFileThatLostItsEndEndsTheConnection) {
+  const std::string content(5'000'000, 'x');
+  Serve();
+  UniqueFd file;
+  Route("/", [&](const auto& exchange) {
+    Response response;
+    FileBody body = FileOf(content);
+    file.reset(fcntl(body.fd.get(), F_DUPFD_CLOEXEC, 0));
+    response.body = std::move(body);
+    exchange->Reply(std::move(response));
+  });
+  WebClient& client = Connect(4096);
+  client.Get("/");
+  ASSERT_TRUE(Run([&] { return !client.received.empty(); }));
+  ASSERT_EQ(ftruncate(file.get(), 1000), 0);
+  EXPECT_TRUE(Run([&] { return client.ended; }));
+  Reply reply;
+  EXPECT_FALSE(TakeReply(client.received, reply));
+  EXPECT_TRUE(AllGone());
+}
+
+TEST_F(AnswersTest, AFileThatIsTooShortEndsTheConnection) {
   Serve();
   Route("/", [](const auto& exchange) {
     Response response;
-    FileBody file = FileOf("short");
-    file.size = 1000;
-    response.body = std::move(file);
+    FileBody body = FileOf("short");
+    body.size = 1000;
+    response.body = std::move(body);
     exchange->Reply(std::move(response));
   });
   WebClient& client = Connect();

@@ -57,7 +57,7 @@ TEST_F(DrainTest, WaitsForRequestsThatWait) {
 
 TEST_F(DrainTest, WaitsForAnAnswerThatIsBeingSent) {
   Serve();
-  const std::string text(20'000'000, 'x');
+  const std::string text(5'000'000, 'x');
   RouteText("/", text);
   WebClient& client = Connect(4096);
   client.Get("/");

@@ -111,6 +111,7 @@ TEST_F(WebTest, ARequestThatWaitsIsNotClosed) {
 TEST_F(WebTest, OnlySoManyConnections) {
   Options options;
   options.max_connections = 3;
+  options.idle_seconds = 0;  // a place becomes free by its client's going only
   Serve(options);
   RouteText("/", "text");
   for (int i = 0; i < 3; ++i) {
@@ -132,6 +133,7 @@ TEST_F(WebTest, OnlySoManyConnections) {
 TEST_F(WebTest, OnlySoManyConnectionsOfAClient) {
   Options options;
   options.max_connections_per_client = 2;
+  options.idle_seconds = 0;
   Serve(options);
   RouteText("/", "text");
   for (int i = 0; i < 2; ++i) {

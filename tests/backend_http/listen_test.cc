@@ -37,12 +37,11 @@ TEST(Listen, SaysWhatIsWrong) {
   const std::string address = LocalAddress(taken.get());
   EXPECT_EQ(complaint(address), "cannot listen on " + address + ": Address already in use");
   const std::string written = ": an address is written as 127.0.0.1:8080 or [::1]:8080";
-  for (const std::string bad : {"", "8080", "127.0.0.1", "127.0.0.1:", ":8080"}) {
+  for (const std::string bad : {"", "8080", "127.0.0.1", "127.0.0.1:", ":8080", "127.0.0.1:http",
+                                "127.0.0.1:65536", "127.0.0.1:99999999999", "127.0.0.1:-1"}) {
     EXPECT_EQ(complaint(bad), "cannot listen on " + bad + written);
   }
   EXPECT_EQ(complaint("::1:8080"), "cannot listen on ::1:8080: an IPv6 address stands in brackets");
-  EXPECT_NE(complaint("127.0.0.1:http"), "none");
-  EXPECT_NE(complaint("127.0.0.1:99999"), "none");
   EXPECT_NE(complaint("192.0.2.1:8080"), "none");
 }
 
