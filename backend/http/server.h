@@ -33,7 +33,7 @@ using Headers = std::vector<std::pair<std::string, std::string>>;
 struct Request {
   std::string method;  // upper case
   std::string path;    // begins with "/"; has no "." or ".." part
-  // In the order in which they came; a name without "=" has an empty value.
+  // In the order in which they came; a name without "=" has an empty value, "+" is a space.
   std::vector<std::pair<std::string, std::string>> query;
   std::string target;  // as it came, for the log
   Headers headers;     // names in lower case
@@ -49,14 +49,16 @@ struct Request {
   std::string Cookie(std::string_view name) const;
 };
 
-// A whole regular file, read where it lies.
+// A whole regular file, read where it lies. One that turns out shorter ends the connection.
 struct FileBody {
   UniqueFd fd;
   uint64_t size = 0;
 };
 
 // Bytes of which nobody knows how many come: read from the pipe until its end, as fast as the
-// client takes them. `ended` is called once, when the last byte was sent, or the client went.
+// client takes them. `ended` is called once, when the last byte was sent, or the client went;
+// within Reply where nobody reads (the client has gone, or another answer was given). For HEAD
+// nothing is read.
 struct PipeBody {
   UniqueFd fd;
   std::function<void(uint64_t bytes, bool whole)> ended;
@@ -90,7 +92,9 @@ class Exchange {
   // Answers. The first answer counts; nothing happens once the client has gone. An exchange that
   // is dropped without an answer is answered with 500.
   virtual void Reply(Response response) = 0;
-  // Called once, if the connection ends before the answer is complete, or with its end.
+  // Called once, if the connection ends before the answer is complete, or with its end; at once
+  // where that has happened. While a request waits, a client that shuts its sending side counts as
+  // gone. Must not end the server.
   virtual void OnEnd(std::function<void()> ended) = 0;
 };
 using Handler = std::function<void(std::shared_ptr<Exchange>)>;
@@ -122,7 +126,9 @@ struct Counters {
 
 class Server {
  public:
-  // Serves the listening socket, which it takes. Throws std::runtime_error.
+  // Serves the listening socket, which it takes. From now on the process ignores SIGPIPE, which
+  // programs that it starts inherit unless they are given the default back. A handler that throws
+  // is one that answers 500. Throws std::runtime_error.
   Server(EventLoop& loop, UniqueFd listening, Options options, Handler handler);
   // Closes every connection. Exchanges that are still held answer nobody from then on.
   ~Server();
@@ -130,7 +136,7 @@ class Server {
   Server& operator=(const Server&) = delete;
 
   // No connection is accepted any more, and each ends with its answer; `drained` is called once,
-  // when none is left.
+  // when none is left. It may end the server.
   void Drain(std::function<void()> drained);
   Counters counters() const;
 

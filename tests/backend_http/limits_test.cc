@@ -75,8 +75,9 @@ TEST_F(WebTest, AConnectionOnWhichNothingMovesIsClosed) {
   half.Send("GET / HT");
   WebClient& kept = Connect();
   kept.Get("/");
-  EXPECT_EQ(Await(kept).body, "text");
   EXPECT_TRUE(Run([&] { return silent.ended && half.ended && kept.ended; }));
+  EXPECT_EQ(Await(kept).body, "text");
+  EXPECT_EQ(silent.received + half.received, "");
 }
 
 TEST_F(WebTest, AClientThatDoesNotReadIsClosed) {

@@ -1,6 +1,9 @@
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
+#include <cstdio>
+#include <cstring>
 #include <stdexcept>
 
 #include "web_test.h"
@@ -46,6 +49,36 @@ TEST(Listen, SaysWhatIsWrong) {
 }
 
 TEST(Listen, NoAddressOfWhatIsNoSocket) { EXPECT_EQ(LocalAddress(-1), ""); }
+
+TEST_F(WebTest, ServesASocketOfTheMachineItself) {
+  UniqueFd listening(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, "/tmp/web-socket");
+  const auto* bare = reinterpret_cast<const sockaddr*>(&address);
+  ASSERT_EQ(bind(listening.get(), bare, sizeof address), 0);
+  ASSERT_EQ(listen(listening.get(), 5), 0);
+  std::string client = "unset";
+  tarnbackend::http::Server server(loop(), std::move(listening), {}, [&](const auto& exchange) {
+    client = exchange->request().client;
+    exchange->Reply(Text("text"));
+  });
+  const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  ASSERT_EQ(connect(fd.get(), bare, sizeof address), 0);
+  const std::string request = "GET / HTTP/1.1\r\nHost: a\r\n\r\n";
+  ASSERT_EQ(write(fd.get(), request.data(), request.size()), static_cast<ssize_t>(request.size()));
+  std::string received;
+  Reply reply;
+  EXPECT_TRUE(Run([&] {
+    char buffer[1024];
+    const ssize_t got = read(fd.get(), buffer, sizeof buffer);
+    if (got > 0) received.append(buffer, static_cast<size_t>(got));
+    return TakeReply(received, reply);
+  }));
+  EXPECT_EQ(reply.body, "text");
+  EXPECT_EQ(client, "");
+  std::remove("/tmp/web-socket");
+}
 
 TEST_F(WebTest, NeedsASocket) {
   EXPECT_THROW(tarnbackend::http::Server(loop(), UniqueFd(), {}, [](const auto&) {}),

@@ -1,5 +1,6 @@
 #include "web_client.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -7,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <stdexcept>
 
 #include "backend/http/text.h"
 
@@ -66,7 +66,7 @@ bool TakeReply(std::string& received, Reply& reply, bool head) {
 }
 
 WebClient::WebClient(EventLoop& loop, const std::string& address, int receive_buffer)
-    : loop_(loop), fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    : loop_(loop), fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   if (receive_buffer > 0) {
     setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
   }
@@ -75,16 +75,26 @@ WebClient::WebClient(EventLoop& loop, const std::string& address, int receive_bu
   server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   server.sin_port =
       htons(static_cast<uint16_t>(std::atoi(address.substr(address.rfind(':') + 1).c_str())));
-  if (connect(fd_.get(), reinterpret_cast<sockaddr*>(&server), sizeof server) != 0 &&
-      errno != EINPROGRESS) {
-    throw std::runtime_error("no connection");
+  // The kernel connects without the server.
+  if (connect(fd_.get(), reinterpret_cast<sockaddr*>(&server), sizeof server) != 0) {
+    ended = true;
+    return;
   }
+  fcntl(fd_.get(), F_SETFL, O_NONBLOCK);
   Watch(true);
 }
 
 void WebClient::Send(const std::string& text) {
   unsent_ += text;
-  Watch(reading_);
+  // At once: no server can take the connection for an idle one.
+  SendMore();
+  if (!ended) Watch(reading_);
+}
+
+void WebClient::SendMore() {
+  const ssize_t sent = send(fd_.get(), unsent_.data(), unsent_.size(), MSG_NOSIGNAL);
+  if (sent > 0) unsent_.erase(0, static_cast<size_t>(sent));
+  if (sent < 0 && errno != EAGAIN) unsent_.clear();
 }
 
 void WebClient::Get(const std::string& target, const std::string& headers) {
@@ -111,9 +121,7 @@ void WebClient::Watch(bool reading) {
 
 void WebClient::Ready(uint32_t events) {
   if ((events & EPOLLOUT) != 0) {
-    const ssize_t sent = send(fd_.get(), unsent_.data(), unsent_.size(), MSG_NOSIGNAL);
-    if (sent > 0) unsent_.erase(0, static_cast<size_t>(sent));
-    if (sent < 0 && errno != EAGAIN) unsent_.clear();
+    SendMore();
     Watch(reading_);
   }
   if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) == 0) return;

@@ -45,11 +45,12 @@ class WebClient {
 
   // What came and was not taken.
   std::string received;
-  // The server has ended the connection.
+  // The server has ended the connection, or there is none.
   bool ended = false;
 
  private:
   void Watch(bool reading);
+  void SendMore();
   void Ready(uint32_t events);
 
   EventLoop& loop_;
