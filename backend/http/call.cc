@@ -3,8 +3,9 @@
 #include <sys/stat.h>
 
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <exception>
+#include <string_view>
 #include <utility>
 
 #include "backend/http/exchange.h"
@@ -29,6 +30,15 @@ MHD_Result AddHeader(void* headers, MHD_ValueKind, const char* name, const char*
 void ReplaceHost(const std::string& host, Headers& headers) {
   std::erase_if(headers, [](const auto& header) { return header.first == "host"; });
   headers.emplace_back("host", host);
+}
+
+// What the library has checked; the largest number for one that is longer than any.
+uint64_t ContentLength(const Request& request) {
+  return std::strtoull(request.Header("content-length").c_str(), nullptr, 10);
+}
+
+Response BodyTooLong() {
+  return ErrorResponse(413, "too-large", "The body of the request is too long.");
 }
 
 }  // namespace
@@ -66,36 +76,30 @@ MHD_Result Call::ReadHeaders(const char* method, const char* version) {
   request_->method = method;
   request_->client = peer_.address;
   MHD_get_connection_values(connection_, MHD_HEADER_KIND, &AddHeader, &request_->headers);
-
-  std::optional<Target> target = ParseTarget(request_->target);
-  // The version stands behind the target in one buffer: where it does not, a NUL ended the target.
-  bool ok = target && version == line_ + request_->target.size() + 1;
-  if (ok && !target->authority.empty()) ReplaceHost(target->authority, request_->headers);
-  ok = ok &&
-       (version != std::string_view(MHD_HTTP_VERSION_1_1) || !request_->Header("host").empty());
-  if (target) {
-    request_->path = std::move(target->path);
-    request_->query = std::move(target->query);
-  }
-  response_ = Refusal(*request_, ok, daemon_.options());
+  response_ = Refusal(*request_, ReadTarget(version), daemon_.options());
 
   const auto* head = MHD_get_connection_info(connection_, MHD_CONNECTION_INFO_REQUEST_HEADER_SIZE);
   if (head != nullptr && head->header_size > daemon_.options().max_header_bytes) {
     response_ = ErrorResponse(431, "too-large", "The head of the request is too long.");
   }
-  const std::string length = request_->Header("content-length");
-  if (length.size() > 18 ||
-      std::strtoull(length.c_str(), nullptr, 10) > daemon_.options().max_body) {
-    response_ = ErrorResponse(413, "too-large", "The body of the request is too long.");
-    // One that would have to be read, or that the client has not begun to send: answered now, which
-    // ends the connection.
-    const bool asks_first = !request_->Header("expect").empty();
-    if (asks_first || length.size() > 18 ||
-        std::strtoull(length.c_str(), nullptr, 10) > kMaxDiscarded) {
-      return Send();
-    }
-  }
-  return MHD_YES;
+  const uint64_t length = ContentLength(*request_);
+  if (length <= daemon_.options().max_body) return MHD_YES;
+  response_ = BodyTooLong();
+  // One that would be long to read, or that the client has not begun to send: answered now, which
+  // ends the connection.
+  const bool asks_first = !request_->Header("expect").empty();
+  return asks_first || length > kMaxDiscarded ? Send() : MHD_YES;
+}
+
+bool Call::ReadTarget(std::string_view version) {
+  std::optional<Target> target = ParseTarget(request_->target);
+  if (!target) return false;
+  request_->path = std::move(target->path);
+  request_->query = std::move(target->query);
+  if (!target->authority.empty()) ReplaceHost(target->authority, request_->headers);
+  // The version stands behind the target in one buffer: where it does not, a NUL ended the target.
+  if (version.data() != line_ + request_->target.size() + 1) return false;
+  return version != MHD_HTTP_VERSION_1_1 || !request_->Header("host").empty();
 }
 
 MHD_Result Call::ReadBody(const char* upload, size_t size) {
@@ -104,8 +108,7 @@ MHD_Result Call::ReadBody(const char* upload, size_t size) {
     request_->body.append(upload, size);
     return MHD_YES;
   }
-  if (!response_)
-    response_ = ErrorResponse(413, "too-large", "The body of the request is too long.");
+  if (!response_) response_ = BodyTooLong();
   discarded_ += size;
   return discarded_ <= kMaxDiscarded ? MHD_YES : MHD_NO;
 }

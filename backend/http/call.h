@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "backend/http/answer.h"
@@ -48,6 +49,7 @@ class Call {
 
  private:
   MHD_Result ReadHeaders(const char* method, const char* version);
+  bool ReadTarget(std::string_view version);
   MHD_Result ReadBody(const char* upload, size_t size);
   void CallHandler();
   MHD_Result Send();
@@ -63,7 +65,6 @@ class Call {
   Peer& peer_;
   MHD_Connection* const connection_;
   const char* const line_;
-  size_t line_length_ = 0;
   std::shared_ptr<Request> request_;
   CallExchange* exchange_ = nullptr;
   std::vector<std::function<void()>> ended_;

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 #include "backend/http/call.h"
 #include "backend/http/exchange.h"
