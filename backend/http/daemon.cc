@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
@@ -19,6 +21,11 @@ namespace {
 
 // The library tries for ever to send what a file does not have any more.
 constexpr std::chrono::milliseconds kGuardPeriod(500);
+
+// Bytes that wait in the kernel before it sends them. The rest stays where it lies: what is sent
+// while it is still in the processor's cache costs half of what a full queue does, and a client
+// that goes leaves little behind.
+constexpr int kUnsentBytes = 32 * 1024;
 
 std::string AddressOf(MHD_Connection* connection) {
   const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
@@ -173,6 +180,7 @@ void Daemon::Opened(MHD_Connection* connection, Peer*& peer) {
   auto opened = std::make_unique<Peer>();
   opened->fd = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
   opened->address = AddressOf(connection);
+  setsockopt(opened->fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kUnsentBytes, sizeof kUnsentBytes);
   peer = opened.get();
   peers_.emplace(peer, std::move(opened));
   counters_.connections = peers_.size();
