@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -78,6 +79,24 @@ TEST_F(WebTest, ServesASocketOfTheMachineItself) {
   EXPECT_EQ(reply.body, "text");
   EXPECT_EQ(client, "");
   std::remove("/tmp/web-socket");
+}
+
+TEST_F(WebTest, ServesASocketOfAnotherNetwork) {
+  UniqueFd listening = Listen("127.0.0.1:0");
+  WebClient client(loop(), LocalAddress(listening.get()));
+  const UniqueFd network(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+  {
+    std::string address;
+    tarnbackend::http::Server server(loop(), std::move(listening), {}, [&](const auto& exchange) {
+      address = exchange->request().client;
+      exchange->Reply(Text("text"));
+    });
+    client.Get("/");
+    EXPECT_EQ(Await(client).body, "text");
+    EXPECT_EQ(address, "127.0.0.1");
+  }
+  EXPECT_EQ(setns(network.get(), CLONE_NEWNET), 0);
 }
 
 TEST_F(WebTest, NeedsASocket) {
