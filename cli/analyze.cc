@@ -11,12 +11,12 @@
 #include <vector>
 
 #include "analysis_worker.h"
+#include "client/video_files.h"
 #include "command.h"
 #include "interrupts.h"
 #include "progress.h"
 #include "tarnvte/preprocess_analysis.h"
 #include "text.h"
-#include "video_files.h"
 
 namespace tarncli {
 namespace {
@@ -155,9 +155,9 @@ class Workers {
 
 Exit RunAnalyze(const AnalyzeOptions& options, bool verbose) {
   const Interrupts interrupts;
-  const VideoFiles files = FindVideoFiles(options.names);
+  const tarnclient::VideoFiles files = tarnclient::FindVideoFiles(options.names);
   Summary summary(files.paths.size() + files.problems.size(), options, verbose);
-  for (const NameProblem& problem : files.problems) {
+  for (const tarnclient::NameProblem& problem : files.problems) {
     summary.AddFailure(problem.name, problem.reason, Exit::kFile);
   }
   Workers workers(options.workers != 0 ? options.workers : Processors());

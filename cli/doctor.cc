@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "client/default_profile.h"
 #include "command.h"
 #include "platform_word.h"
 #include "prepared_stream.h"
@@ -238,7 +239,7 @@ Check CheckHardware() {
 }
 
 Check CheckProfiles(const char* kind) {
-  const std::string path = DefaultProfileFile(kind);
+  const std::string path = tarnclient::DefaultProfileFile(kind);
   const std::string name = std::string("profiles ") + kind;
   const bool streams = std::strcmp(kind, "WEBM") == 0;
   const Result missing = streams ? Result::kFail : Result::kWarn;

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "client/default_profile.h"
 #include "fragment_wait.h"
 #include "stream_options.h"
 #include "tarnvte/argument_helper.h"
@@ -156,7 +157,7 @@ void HlsSession::FailFor(int fragment) const {
                                     std::to_string(fragment),
                                     "--profile",
                                     request_.stream.profile_key};
-  if (request_.stream.profile_file != DefaultProfileFile("HLS")) {
+  if (request_.stream.profile_file != tarnclient::DefaultProfileFile("HLS")) {
     words.insert(words.end(), {"--profile-file", request_.stream.profile_file});
   }
   throw Failure{Exit::kTranscoder,

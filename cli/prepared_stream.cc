@@ -11,7 +11,8 @@
 #include <filesystem>
 #include <memory>
 
-#include "default_profile.h"
+#include "client/default_profile.h"
+#include "client/video_files.h"
 #include "tarnvte/json_utils.h"
 #include "tarnvte/libtarnvte.h"
 #include "tarnvte/vteutils.h"
@@ -19,8 +20,6 @@
 
 namespace tarncli {
 namespace {
-
-constexpr char kProfileFolder[] = "/var/packages/Reelbay/target/share/profiles/";
 
 // Enough of a stream to take one apart by its identifier, whatever its kind.
 class AnyStream : public LibTarnVTE::VTEStream {
@@ -41,33 +40,21 @@ bool CanProbe(const std::string& path) {
 
 }  // namespace
 
-std::string DefaultProfileFile(const std::string& kind) {
-  const char* name = kind == "WEBM"  ? "webm.json"
-                     : kind == "HLS" ? "hls.json"
-                     : kind == "SS"  ? "smooth.json"
-                                     : "http.json";
-  return std::string(kProfileFolder) + name;
-}
-
 std::string DefaultProfileKey(const std::string& kind) {
-  if (kind == "SS") return SmoothProfile();
+  if (kind == "SS") return tarnclient::SmoothProfile();
   return kind == "WEBM" ? "webm_hd720_vp8_vb1500_vorbis_ab128" : "";
 }
 
 std::string ResolveVideo(const std::string& file) {
-  std::unique_ptr<char, decltype(&std::free)> path(realpath(file.c_str(), nullptr), &std::free);
-  if (path == nullptr) throw FileFailure(file, std::strerror(errno));
-  struct stat status {};
-  if (stat(path.get(), &status) != 0) throw FileFailure(file, std::strerror(errno));
-  if (S_ISDIR(status.st_mode)) throw FileFailure(file, "is a folder, not a video file");
-  if (!S_ISREG(status.st_mode)) throw FileFailure(file, "is not a regular file");
-  if (status.st_size == 0) throw FileFailure(file, "is empty");
-  if (access(path.get(), R_OK) != 0) throw FileFailure(file, std::strerror(errno));
-  return path.get();
+  std::string path;
+  std::string reason;
+  if (!tarnclient::ResolveVideoFile(file, path, reason)) throw FileFailure(file, reason);
+  return path;
 }
 
 StreamRequest WithProfile(StreamRequest request) {
-  if (request.profile_file.empty()) request.profile_file = DefaultProfileFile(request.kind);
+  if (request.profile_file.empty())
+    request.profile_file = tarnclient::DefaultProfileFile(request.kind);
   const std::string& file = request.profile_file;
   Json::Value profiles;
   if (access(file.c_str(), R_OK) != 0) throw FileFailure(file, std::strerror(errno));
@@ -79,8 +66,9 @@ StreamRequest WithProfile(StreamRequest request) {
     known += (known.empty() ? "" : ", ") + Printable(name);
   }
   if (request.profile_key.empty()) {
-    request.profile_key = request.kind == "HLS" ? HlsProfileFor(ResolveVideo(request.file))
-                                                : DefaultProfileKey(request.kind);
+    request.profile_key = request.kind == "HLS"
+                              ? tarnclient::HlsProfileFor(ResolveVideo(request.file))
+                              : DefaultProfileKey(request.kind);
   }
   if (request.profile_key.empty()) {
     throw Failure{Exit::kUsage,

@@ -9,8 +9,6 @@
 
 namespace tarncli {
 
-// Where the shipped profiles lie, by kind word ("WEBM", "HLS", "HTTP", "SS").
-std::string DefaultProfileFile(const std::string& kind);
 // The profile that serves any player of that kind; empty where the file decides ("HLS") or the user
 // must choose.
 std::string DefaultProfileKey(const std::string& kind);

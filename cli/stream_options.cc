@@ -1,5 +1,7 @@
 #include "stream_options.h"
 
+#include "client/default_profile.h"
+
 namespace tarncli {
 namespace {
 
@@ -29,7 +31,7 @@ void AddStreamOptions(CLI::App& sub, const std::vector<std::string>& kinds,
                  "Transcoding profile (default" + profile_default + ")")
       ->option_text("KEY");
   const std::string file =
-      choice ? ": the shipped file of the kind" : " " + DefaultProfileFile(kinds[0]);
+      choice ? ": the shipped file of the kind" : " " + tarnclient::DefaultProfileFile(kinds[0]);
   sub.add_option("--profile-file,--profiles", request.profile_file,
                  "File with transcoding profiles (default" + file + ")")
       ->option_text("PATH");

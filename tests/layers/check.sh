@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Fails when an include climbs the layers of cmake/layers.txt, when a source file belongs to no layer,
-# when a pattern matches no file, or when a program (cli, backend) includes anything but the installed
-# headers.
+# when a pattern matches no file, or when a program (cli, backend, or client, which they share) includes
+# anything but the installed headers.
 set -euo pipefail
 cd "$1"
 shopt -s nullglob globstar
@@ -68,21 +68,25 @@ while IFS= read -r file; do
   done < <(includes "$file")
 done < <(find base platform host metadata vte include transcoder -name '*.cc' -o -name '*.h' | sort)
 
-# A program in DIRECTORY sees itself and the installed headers.
+# check_program DIRECTORY FOLDER...: a program sees itself, the installed headers and those folders.
 check_program() {
-  local file include path
+  local file include path seen folder
   while IFS= read -r file; do
     while IFS= read -r include; do
       path=$(resolve "$file" "$include")
       [[ -n $path ]] || continue
       checked=$((checked + 1))
-      [[ $path == include/tarnvte/* || $path == "$1"/* ]] ||
-        fail "$file includes $include: a program uses the installed headers only"
+      seen=
+      for folder in include/tarnvte "$@"; do
+        [[ $path != "$folder"/* ]] || seen=yes
+      done
+      [[ $seen ]] || fail "$file includes $include: a program uses the installed headers only"
     done < <(includes "$file")
   done < <(find "$1" -name '*.cc' -o -name '*.h' | sort)
 }
-check_program cli
-check_program backend
+check_program client
+check_program cli client
+check_program backend client
 
 if ((checked < 100)); then
   fail "only $checked includes were looked at: the check itself is broken"

@@ -1,6 +1,7 @@
-#include "video_files.h"
+#include "client/video_files.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,10 +13,7 @@
 #include <string_view>
 #include <utility>
 
-#include "command.h"
-#include "prepared_stream.h"
-
-namespace tarncli {
+namespace tarnclient {
 namespace {
 
 namespace fs = std::filesystem;
@@ -25,16 +23,6 @@ constexpr std::string_view kEndings[] = {
     ".m4v", ".mkv",  ".mov", ".mp4", ".mpe",  ".mpeg", ".mpg", ".mts",  ".mxf", ".ogm",  ".ogv",
     ".qt",  ".rmvb", ".rm",  ".tp",  ".trp",  ".ts",   ".vob", ".webm", ".wmv", ".wtv"};
 
-bool HasVideoEnding(const fs::path& path) {
-  std::string ending = path.extension();
-  for (char& c : ending) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return std::ranges::find(kEndings, ending) != std::end(kEndings);
-}
-
-bool IsPrivate(const std::string& name) { return name.starts_with('.') || name.starts_with('@'); }
-
 class Finder {
  public:
   void Add(const std::string& name) {
@@ -43,12 +31,12 @@ class Finder {
       AddFolder(name);
       return;
     }
-    try {
-      AddFile(ResolveVideo(name));
-    } catch (const Failure& failure) {
-      // "NAME: reason"
-      const size_t reason = failure.message.rfind(": ");
-      files_.problems.push_back({name, failure.message.substr(reason + 2)});
+    std::string path;
+    std::string reason;
+    if (ResolveVideoFile(name, path, reason)) {
+      AddFile(path);
+    } else {
+      files_.problems.push_back({name, reason});
     }
   }
 
@@ -82,12 +70,13 @@ class Finder {
     const fs::path real = fs::canonical(folder, error);
     for (fs::directory_iterator entry(real, error), end; !error && entry != end;
          entry.increment(error)) {
-      if (IsPrivate(entry->path().filename())) continue;
+      if (IsPrivateName(entry->path().filename().native())) continue;
       std::error_code ignored;  // a link that leads nowhere
       const fs::path path = fs::canonical(entry->path(), ignored);
       if (ignored) continue;
       if (fs::is_directory(path, ignored)) folders.push_back(path);
-      if (fs::is_regular_file(path, ignored) && HasVideoEnding(path)) found.push_back(path);
+      if (fs::is_regular_file(path, ignored) && HasVideoEnding(path.native()))
+        found.push_back(path);
     }
     if (error) files_.problems.push_back({folder, std::strerror(error.value())});
   }
@@ -99,10 +88,42 @@ class Finder {
 
 }  // namespace
 
+bool HasVideoEnding(std::string_view name) {
+  // As std::filesystem finds an extension: the name of a hidden file has none.
+  std::string ending = fs::path(name).extension();
+  for (char& c : ending) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return std::ranges::find(kEndings, ending) != std::end(kEndings);
+}
+
+bool IsPrivateName(std::string_view name) { return name.starts_with('.') || name.starts_with('@'); }
+
+bool ResolveVideoFile(const std::string& name, std::string& path, std::string& reason) {
+  const std::unique_ptr<char, decltype(&std::free)> real(realpath(name.c_str(), nullptr),
+                                                         &std::free);
+  struct stat status {};
+  if (real == nullptr || stat(real.get(), &status) != 0) {
+    reason = std::strerror(errno);
+  } else if (S_ISDIR(status.st_mode)) {
+    reason = "is a folder, not a video file";
+  } else if (!S_ISREG(status.st_mode)) {
+    reason = "is not a regular file";
+  } else if (status.st_size == 0) {
+    reason = "is empty";
+  } else if (access(real.get(), R_OK) != 0) {
+    reason = std::strerror(errno);
+  } else {
+    path = real.get();
+    return true;
+  }
+  return false;
+}
+
 VideoFiles FindVideoFiles(const std::vector<std::string>& names) {
   Finder finder;
   for (const std::string& name : names) finder.Add(name);
   return std::move(finder).Take();
 }
 
-}  // namespace tarncli
+}  // namespace tarnclient
