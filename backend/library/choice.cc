@@ -1,7 +1,6 @@
 #include "backend/library/choice.h"
 
 #include <algorithm>
-#include <cmath>
 #include <string_view>
 
 #include "backend/library/media_type.h"
@@ -61,8 +60,9 @@ void SetEncodedSize(Check& check, unsigned height) {
   const auto* box = std::ranges::find(kBoxes, height, &Box::height);
   const double scale = std::min(double{1} * box->width / std::max(check.width, 1U),
                                 double{1} * box->height / std::max(check.height, 1U));
-  check.width = static_cast<unsigned>(std::lround(check.width * scale)) & ~1U;
-  check.height = static_cast<unsigned>(std::lround(check.height * scale)) & ~1U;
+  // As the engine rounds.
+  check.width = static_cast<unsigned>(check.width * scale + 0.001) & ~1U;
+  check.height = static_cast<unsigned>(check.height * scale + 0.001) & ~1U;
   check.bit_rate = kBitRates[box - kBoxes];
 }
 
