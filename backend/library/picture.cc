@@ -24,8 +24,11 @@ constexpr int64_t kMaxPixels = int64_t{8192} * 4320;
 constexpr int64_t kMaxCodedPixels = int64_t{8192} * 4352;
 constexpr double kMaxSeconds = 2'147'483;
 constexpr double kNearSeconds = 0.001;  // that containers round by
-// How far before the wanted time a keyframe is looked for, one after the other.
+// How far before the wanted time a keyframe is looked for, one after the other. Where a container
+// has no index, seeks go by the order of decoding, and so end a little behind the keyframe at
+// least.
 constexpr double kLookBackSeconds[] = {0, 10, 60, kMaxSeconds};
+constexpr double kLookBackWithoutIndex = 2;
 
 // Containers of videos, by libavformat's names, and none that refers to other files.
 constexpr char kContainers[] =
@@ -92,12 +95,13 @@ class KeyframeSearch {
   const AVPacket* Find() {
     if (packet_ == nullptr || kept_ == nullptr) return nullptr;
     for (const double back : kLookBackSeconds) {
-      const double from = std::max(target_ - back, start_);
-      // What cannot be searched is read from where it is.
-      const bool moved = Seek(from);
+      const double from = target_ - back - (indexed_ ? 0 : kLookBackWithoutIndex);
+      // Some demuxers begin at their first packet when it lies before that, others refuse. What
+      // cannot be searched at all is read from where it is.
+      const bool moved = (!indexed_ && Seek(from)) || Seek(std::max(from, start_));
       if (!moved && back > 0) break;
-      if (ReadFrom() && (found_before_ || from <= start_)) break;
-      if (from <= start_) break;
+      Read();
+      if (found_before_ || from <= start_) break;
     }
     return kept_->size > 0 ? kept_.get() : nullptr;
   }
@@ -108,14 +112,12 @@ class KeyframeSearch {
     return av_seek_frame(context_, stream_->index, time, AVSEEK_FLAG_BACKWARD) >= 0;
   }
 
-  // True when a keyframe is kept.
-  bool ReadFrom() {
+  void Read() {
     while (packets_++ < kMaxPackets && av_read_frame(context_, packet_.get()) >= 0) {
       const bool more = Take();
       av_packet_unref(packet_.get());
       if (!more) break;
     }
-    return kept_->size > 0;
   }
 
   // What was read; false when the search is over.
@@ -125,10 +127,9 @@ class KeyframeSearch {
     const bool timed = stamp != AV_NOPTS_VALUE;
     const double time = timed ? static_cast<double>(stamp) * av_q2d(stream_->time_base) : target_;
     const bool before = time <= target_ + kNearSeconds;
-    // Pictures that are shown earlier may follow in the file, keyframes among them hardly.
+    // No keyframe that follows is shown earlier.
     if (!before && found_before_) return false;
     if ((packet_->flags & AV_PKT_FLAG_KEY) == 0) return true;
-    if (!before && kept_->size > 0) return false;
     av_packet_unref(kept_.get());
     av_packet_move_ref(kept_.get(), packet_.get());
     found_before_ = before;

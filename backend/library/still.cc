@@ -6,6 +6,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/opt.h>
 #include <libswscale/swscale.h>
 }
 
@@ -57,11 +58,24 @@ std::pair<AVPixelFormat, bool> PlainFormat(int format) {
 Frame Scale(const AVFrame& frame, int width, int height) {
   const auto [format, full] = PlainFormat(frame.format);
   const bool from_full = full || frame.color_range == AVCOL_RANGE_JPEG;
-  const std::unique_ptr<SwsContext, FreeScaler> context(
-      sws_getContext(frame.width, frame.height, format, width, height, AV_PIX_FMT_YUV420P,
-                     SWS_AREA | SWS_ACCURATE_RND, nullptr, nullptr, nullptr));
+  const std::unique_ptr<SwsContext, FreeScaler> context(sws_alloc_context());
   Frame scaled = NewStill(width, height);
   if (context == nullptr || scaled == nullptr) return nullptr;
+  const std::pair<const char*, int64_t> options[] = {
+      {"srcw", frame.width},
+      {"srch", frame.height},
+      {"src_format", format},
+      // Before the context is made: pictures that keep their size are otherwise copied as they are.
+      {"src_range", from_full},
+      {"dstw", width},
+      {"dsth", height},
+      {"dst_format", AV_PIX_FMT_YUV420P},
+      {"dst_range", 1},
+      {"sws_flags", SWS_AREA | SWS_ACCURATE_RND}};
+  for (const auto& [name, value] : options) {
+    if (av_opt_set_int(context.get(), name, value, 0) < 0) return nullptr;
+  }
+  if (sws_init_context(context.get(), nullptr, nullptr) < 0) return nullptr;
   // What does not say how its colours are coded is coded as is usual for its size.
   const int from = frame.colorspace != AVCOL_SPC_UNSPECIFIED ? frame.colorspace
                    : frame.height > 576                      ? SWS_CS_ITU709
