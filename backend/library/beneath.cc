@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <utility>
 
 namespace tarnbackend {
@@ -53,6 +55,11 @@ UniqueFd OpenFileBeneath(const std::string& root, std::string_view relative) {
   if (S_ISREG(status.st_mode)) return file;
   errno = EINVAL;
   return {};
+}
+
+std::string RealPath(const std::string& path) {
+  char real[PATH_MAX];
+  return realpath(path.c_str(), real) == nullptr ? "" : real;
 }
 
 }  // namespace tarnbackend

@@ -20,4 +20,8 @@ UniqueFd OpenBeneath(const std::string& root, std::string_view relative, int fla
 // The same for reading a regular file. EINVAL for anything else.
 UniqueFd OpenFileBeneath(const std::string& root, std::string_view relative);
 
+// The absolute path without links of what this path leads to; empty, with errno, when that is
+// nothing.
+std::string RealPath(const std::string& path);
+
 }  // namespace tarnbackend

@@ -41,6 +41,7 @@ void Library::Adopt(const Scan& scan) {
   const auto old = std::exchange(videos_, {});
   const auto known = std::exchange(numbers_, {});
   sorted_.clear();
+  first_unprobed_ = 0;
   problems_ = scan.problems();
   const auto add = [&](Video video) {
     numbers_.emplace(video.file.path(), video.id);
@@ -91,10 +92,11 @@ Library::Page Library::Search(const std::string& query, size_t offset, size_t li
 }
 
 std::vector<int32_t> Library::Unprobed(size_t most) const {
+  const auto probed = [&](size_t i) { return videos_.at(sorted_[i]).facts != nullptr; };
+  while (first_unprobed_ < sorted_.size() && probed(first_unprobed_)) ++first_unprobed_;
   std::vector<int32_t> numbers;
-  for (const int32_t id : sorted_) {
-    if (numbers.size() >= most) break;
-    if (videos_.at(id).facts == nullptr) numbers.push_back(id);
+  for (size_t i = first_unprobed_; i < sorted_.size() && numbers.size() < most; ++i) {
+    if (!probed(i)) numbers.push_back(sorted_[i]);
   }
   return numbers;
 }
@@ -117,6 +119,16 @@ UniqueFd Library::OpenVideo(int32_t id) const {
 
 std::string Library::Path(int32_t id) const {
   return OpenVideo(id).valid() ? Find(id)->file.path() : "";
+}
+
+std::string Library::SubtitlePath(int32_t id, const Facts::Subtitle& subtitle) const {
+  const Video* video = Find(id);
+  if (video == nullptr || !subtitle.is_file) return "";
+  const std::string path = RealPath(subtitle.engine_id);
+  const std::string& root = video->file.root;
+  const std::string prefix = root == "/" ? root : root + "/";
+  if (!path.starts_with(prefix)) return "";
+  return OpenFileBeneath(root, path.substr(prefix.size())).valid() ? path : "";
 }
 
 }  // namespace tarnbackend

@@ -65,6 +65,9 @@ class Library {
   UniqueFd OpenVideo(int32_t id) const;
   // The absolute path for the engine, checked in the same way; empty when it must not be used.
   std::string Path(int32_t id) const;
+  // The absolute path of a subtitle file of that video, without links, checked in the same way;
+  // empty for a track, and when it must not be read.
+  std::string SubtitlePath(int32_t id, const Facts::Subtitle& subtitle) const;
 
  private:
   void Adopt(const Scan& scan);
@@ -77,6 +80,7 @@ class Library {
   std::unordered_map<int32_t, Video> videos_;
   std::unordered_map<std::string, int32_t> numbers_;  // by path
   std::vector<int32_t> sorted_;                       // by title
+  mutable size_t first_unprobed_ = 0;                 // all before it in sorted_ were probed
 };
 
 }  // namespace tarnbackend

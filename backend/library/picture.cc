@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "backend/library/still.h"
 #include "backend/media_input.h"
@@ -147,6 +148,19 @@ class KeyframeSearch {
   int packets_ = 0;
 };
 
+// As avformat_find_stream_info, whose decoders make no larger pictures than ours do.
+bool FindStreamInfo(AVFormatContext* context) {
+  std::vector<AVDictionary*> options(std::max(context->nb_streams, 1U), nullptr);
+  const size_t streams = context->nb_streams;
+  for (size_t i = 0; i < streams; ++i) {
+    av_dict_set_int(&options[i], "max_pixels", kMaxCodedPixels, 0);
+    av_dict_set_int(&options[i], "threads", 1, 0);
+  }
+  const bool found = avformat_find_stream_info(context, options.data()) >= 0;
+  for (AVDictionary*& option : options) av_dict_free(&option);
+  return found;
+}
+
 Decoder OpenDecoder(const AVStream& stream) {
   const AVCodec* codec = avcodec_find_decoder(stream.codecpar->codec_id);
   Decoder decoder(codec == nullptr ? nullptr : avcodec_alloc_context3(codec));
@@ -207,8 +221,7 @@ PictureResult MakePicture(const std::string& path, double at, int width) {
   if (!file.valid()) return Failed(PictureError::kNotReadable);
   FileSource source(file, kMaxReadBytes);
   MediaInput input(source);
-  if (!input.Open(nullptr, kContainers) ||
-      avformat_find_stream_info(input.context(), nullptr) < 0) {
+  if (!input.Open(nullptr, kContainers) || !FindStreamInfo(input.context())) {
     return Failed(PictureError::kNotVideo);
   }
   AVStream* stream = FindVideo(*input.context());

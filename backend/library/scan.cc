@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string_view>
@@ -25,12 +23,6 @@ bool IsSubtitle(std::string_view name) {
   return dot != std::string_view::npos &&
          std::ranges::find(kSubtitleEndings, FoldCase(name.substr(dot))) !=
              std::end(kSubtitleEndings);
-}
-
-// The path without links, empty with errno when there is none.
-std::string RealPath(const std::string& path) {
-  char real[PATH_MAX];
-  return realpath(path.c_str(), real) == nullptr ? "" : real;
 }
 
 std::string Join(const std::string& folder, const std::string& name) {

@@ -182,6 +182,32 @@ TEST(Library, OpensOnlyWhatIsStillThere) {
   EXPECT_FALSE(library.OpenVideo(id).valid());
 }
 
+TEST(Library, ChecksSubtitleFiles) {
+  WriteText("/tmp/v/a.mkv", "film");
+  WriteText("/tmp/v/a.srt", "text");
+  WriteText("/tmp/v/subs/b.srt", "text");
+  fs::create_symlink("subs/b.srt", "/tmp/v/a.eng.srt");
+  WriteText("/tmp/secret/a.srt", "secret");
+  Library library({"/tmp/v"});
+  Rescan(library);
+  const int32_t id = Titled(library, "a")->id;
+  const auto path = [&](const std::string& engine_id, bool is_file = true) {
+    return library.SubtitlePath(id, {"f0", engine_id, "", "", is_file});
+  };
+  EXPECT_EQ(path("/tmp/v/a.srt"), "/tmp/v/a.srt");
+  EXPECT_EQ(path("/tmp/v/a.eng.srt"), "/tmp/v/subs/b.srt");
+  EXPECT_EQ(path("3", false), "");
+  EXPECT_EQ(path("/tmp/v/gone.srt"), "");
+  EXPECT_EQ(path("/tmp/secret/a.srt"), "");
+  EXPECT_EQ(path("/tmp/v/../secret/a.srt"), "");
+  EXPECT_EQ(path("/tmp/v/subs"), "");
+  EXPECT_EQ(path("/tmp/v"), "");
+  fs::remove("/tmp/v/a.srt");
+  fs::create_symlink("/tmp/secret/a.srt", "/tmp/v/a.srt");
+  EXPECT_EQ(path("/tmp/v/a.srt"), "");
+  EXPECT_EQ(library.SubtitlePath(id + 1, {"f0", "/tmp/v/subs/b.srt", "", "", true}), "");
+}
+
 std::string OneLine(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
