@@ -22,8 +22,8 @@
 #include <vector>
 
 #include "client/default_profile.h"
+#include "client/platform_word.h"
 #include "command.h"
-#include "platform_word.h"
 #include "prepared_stream.h"
 #include "tarnvte/json_utils.h"
 #include "tarnvte/libtarnvte.h"
@@ -209,7 +209,7 @@ std::string HardwareRoute(const PlatformUtils& platform) {
 
 Check CheckPlatform() {
   const PlatformUtils& platform = PlatformUtils::GetInst();
-  const std::string word = PlatformWord();
+  const std::string word = tarnclient::PlatformWord();
   std::string finding =
       word.empty() ? "none named in /etc.defaults/tarninfo.conf" : Printable(word);
   return {Result::kOk, "platform", finding + ": " + HardwareRoute(platform), ""};

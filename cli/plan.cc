@@ -14,10 +14,10 @@
 #include <string>
 #include <vector>
 
+#include "client/platform_word.h"
 #include "command.h"
 #include "hls_session.h"
 #include "interrupts.h"
-#include "platform_word.h"
 #include "prepared_stream.h"
 #include "registry_view.h"
 #include "smooth_session.h"
@@ -414,7 +414,7 @@ Json::Value MakePlan(const PlanOptions& options) {
   plan["kind"] = options.request.kind;
   plan["profile"] = options.request.profile_key;
   plan["start"] = options.start;
-  plan["platform"] = PlatformWord();
+  plan["platform"] = tarnclient::PlatformWord();
   plan["video"] = DescribeVideo(stream);
   plan["audio"] = DescribeAudio(stream, options);
   // A copied video needs no room: the registry is not asked.

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "client/default_profile.h"
+#include "client/stream_life.h"
 #include "client/video_files.h"
 #include "tarnvte/json_utils.h"
 #include "tarnvte/libtarnvte.h"
@@ -21,21 +22,8 @@
 namespace tarncli {
 namespace {
 
-// Enough of a stream to take one apart by its identifier, whatever its kind.
-class AnyStream : public LibTarnVTE::VTEStream {
- public:
-  using VTEStream::VTEStream;
-  int GetSeekTimeInMillisecond() const override { return 0; }
-};
-
 Failure FileFailure(const std::string& file, const std::string& reason) {
   return {Exit::kFile, Printable(file) + ": " + reason, ""};
-}
-
-bool CanProbe(const std::string& path) {
-  LibTarnVTE::VideoMetaData metadata;
-  Json::Value document;
-  return metadata.ReadMetaDataFromFFMPEG(path, document);
 }
 
 }  // namespace
@@ -103,34 +91,26 @@ bool MayEndAt(uint64_t second, unsigned duration) {
 
 PreparedStream::PreparedStream(const StreamRequest& request)
     : kind_(request.kind), path_(ResolveVideo(request.file)) {
-  // The identifier is chosen here, so that a failed preparation can be removed too.
   id_ = LibTarnVTE::VTEStream::GetRandStreamID(path_);
   LibTarnVTE::VTEInitArgument argument(path_, kind_, request.profile_file, request.profile_key);
   argument.params["stream_id"] = id_;
   argument.device = request.device;
   argument.use_pre_analysis = request.pre_analysis;
-  const std::string answer = LibTarnVTE::VTEStream::VTE_Init(argument);
-  if (answer == id_ && !id_.empty()) return;
-  Remove();
+  std::string word;
   const std::string file = Printable(request.file);
-  if (!answer.empty()) throw RefusedBy(answer, file);
-  if (!CanProbe(path_)) throw FileFailure(request.file, "is not a video that can be read");
+  switch (tarnclient::PrepareStream(argument, word)) {
+    case tarnclient::Preparation::kDone:
+      return;
+    case tarnclient::Preparation::kRefused:
+      throw RefusedBy(word, file);
+    case tarnclient::Preparation::kNoVideo:
+      throw FileFailure(request.file, "is not a video that can be read");
+    case tarnclient::Preparation::kFailed:
+      break;
+  }
   throw Failure{Exit::kFailure, file + ": the stream could not be prepared (try --verbose)", ""};
 }
 
-PreparedStream::~PreparedStream() { Remove(); }
-
-void PreparedStream::Remove() {
-  if (id_.empty()) return;
-  const std::string directory = LibTarnVTE::GetVTEFileFullPath(id_, kind_, "");
-  if (directory.empty()) return;
-  AnyStream stream(id_, kind_);
-  // Waiting for the monitor means that no transcoder is left when the command returns.
-  if (LibTarnVTE::VerifyFileExist(directory)) stream.SaveMonitorPid(0, true);
-  stream.CloseStreamCommon();
-  // The engine leaves the small directory of an HTTP stream to its caller.
-  std::error_code ignored;
-  std::filesystem::remove_all(directory, ignored);
-}
+PreparedStream::~PreparedStream() { tarnclient::RemoveStream(id_, kind_); }
 
 }  // namespace tarncli

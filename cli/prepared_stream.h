@@ -52,8 +52,6 @@ class PreparedStream {
   const std::string& path() const { return path_; }
 
  private:
-  void Remove();
-
   std::string kind_;
   std::string path_;
   std::string id_;

@@ -13,17 +13,4 @@ RegistryView::RegistryView() {
       ""};
 }
 
-Json::Value RegistryView::Kind(bool hardware) {
-  unsigned running = 0;
-  for (const Json::Value& entry : entries) {
-    const Json::Value& kind = entry["hardware_transcode"];
-    if (kind.isBool() && kind.asBool() == hardware) ++running;
-  }
-  Json::Value value(Json::objectValue);
-  value["running"] = running;
-  value["limit"] = hardware ? hardware_limit : software_limit;
-  value["room"] = TransEnable(hardware);
-  return value;
-}
-
 }  // namespace tarncli

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "client/smooth_fragments.h"
 #include "fragment_wait.h"
 #include "stream_options.h"
 #include "text.h"
@@ -15,23 +16,10 @@ namespace {
 
 // What the addresses of fragments begin with: nobody serves them.
 constexpr char kAddress[] = "http://localhost/stream";
-constexpr uint64_t kChunkTicks = 50'000'000;  // of 100 ns
 
 bool IsFile(const std::string& path) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-}
-
-std::string VideoId(const std::string& folder, const std::string& time) {
-  return folder + "/Fragments(video=" + time + ")";
-}
-
-// The text between `opening` and the next quote behind `from`.
-std::string Attribute(const std::string& text, size_t from, const std::string& opening) {
-  const size_t at = text.find(opening, from);
-  if (at == std::string::npos) return "";
-  const size_t begin = at + opening.size();
-  return text.substr(begin, text.find('"', begin) - begin);
 }
 
 }  // namespace
@@ -82,37 +70,19 @@ void SmoothSession::Initialise() {
   manifest_ = text.str();
 }
 
-SmoothSession::Track SmoothSession::ReadTrack(const std::string& type) const {
-  const size_t at = manifest_.find("<StreamIndex Type=\"" + type + "\"");
-  return {"QualityLevels(" + Attribute(manifest_, at, " Bitrate=\"") + ")",
-          std::atoi(Attribute(manifest_, at, " Chunks=\"").c_str())};
-}
-
-std::string SmoothSession::CheckFragment(const std::string& fragment_id) const {
-  std::string time, type, folder;
-  stream_.ParseFragId(fragment_id, time, type, folder);
-  const Track video = ReadTrack("video");
-  const Track wanted = type == "audio=" ? ReadTrack("audio") : video;
-  char* end = nullptr;
-  const uint64_t ticks = std::strtoull(time.c_str(), &end, 10);
-  const uint64_t last = (static_cast<uint64_t>(wanted.chunks) - 1) * kChunkTicks;
-  if (!type.empty() && *end == '\0' && ticks % kChunkTicks == 0 && ticks <= last &&
-      fragment_id == wanted.folder + "/Fragments(" + type + std::to_string(ticks) + ")") {
-    return time;
-  }
-  throw Failure{Exit::kUsage,
-                name_ + ": has no such fragment; the first one of its video is '" +
-                    VideoId(video.folder, "0") + "', the last one '" +
-                    VideoId(video.folder, std::to_string(last)) + "'",
-                ""};
-}
-
 std::string SmoothSession::Fetch(const std::string& fragment_id,
                                  const std::function<void()>& wait) {
-  const std::string time = CheckFragment(fragment_id);
+  const tarnclient::SmoothFragments fragments(manifest_);
+  const std::string time = fragments.TimeOf(fragment_id);
+  if (time.empty()) {
+    throw Failure{Exit::kUsage,
+                  name_ + ": has no such fragment; the first one of its video is '" +
+                      fragments.VideoAt("0") + "', the last one '" + fragments.LastVideo() + "'",
+                  ""};
+  }
   stream_.TouchAccess();
   // The run for the video makes the audio, too.
-  if (!stream_.Transcoding(VideoId(ReadTrack("video").folder, time))) {
+  if (!stream_.Transcoding(fragments.VideoAt(time))) {
     throw Failure{Exit::kTranscoder, name_ + ": the transcoder could not be started", ""};
   }
   const std::string path = stream_.GetVTEFileFullPath("smooth/" + fragment_id);

@@ -44,16 +44,7 @@ class SmoothSession {
     using SmoothStream::SmoothStream;
   };
 
-  struct Track {
-    std::string folder;  // "QualityLevels(200000)"
-    int chunks = 0;
-  };
-
   void Initialise();
-  // What the manifest says of a track, "video" or "audio".
-  Track ReadTrack(const std::string& type) const;
-  // The time of a fragment that the manifest announces. Throws Failure for any other.
-  std::string CheckFragment(const std::string& fragment_id) const;
 
   SmoothRequest request_;
   const Interrupts& interrupts_;

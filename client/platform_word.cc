@@ -1,8 +1,8 @@
-#include "platform_word.h"
+#include "client/platform_word.h"
 
 #include "tarnvte/platform_utils.h"
 
-namespace tarncli {
+namespace tarnclient {
 namespace {
 
 struct Words : librb::util::PlatformUtils {
@@ -17,4 +17,4 @@ struct Words : librb::util::PlatformUtils {
 
 std::string PlatformWord() { return Words::Join(librb::util::PlatformUtils::GetInst()); }
 
-}  // namespace tarncli
+}  // namespace tarnclient
