@@ -110,7 +110,9 @@ int ExecError(const UniqueFd& exec_error, bool wait) {
   return got == sizeof error ? error : 0;
 }
 
-void KillWorker(const UniqueFd& pidfd) { syscall(SYS_pidfd_send_signal, pidfd.get(), SIGKILL, nullptr, 0); }
+void KillWorker(const UniqueFd& pidfd) {
+  syscall(SYS_pidfd_send_signal, pidfd.get(), SIGKILL, nullptr, 0);
+}
 
 std::optional<std::string> ReapWorker(const UniqueFd& pidfd) {
   siginfo_t info{};

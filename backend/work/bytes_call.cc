@@ -1,0 +1,63 @@
+// The call "bytes".
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <string>
+
+#include "backend/work/call_arguments.h"
+#include "backend/work/engine_calls.h"
+#include "backend/work/opened_stream.h"
+#include "tarnvte/http_stream.h"
+#include "tarnvte/webm_stream.h"
+
+namespace tarnbackend {
+namespace {
+
+template <typename Stream>
+CallResult Start(Stream& stream, const char* kind, double second) {
+  const std::string id = stream.GetStreamID();
+  // The identifier may name nothing; the engine then knows no video.
+  if (stream.source().GetVideoResolutionX() == 0) {
+    return RefusedStream(id, kind, "the stream cannot be opened");
+  }
+  if (second < 0 || std::floor(second) > stream.source().GetDuration() || second >= INT_MAX) {
+    return Refused("bad-range", "the position lies behind the end");
+  }
+  const int start = static_cast<int>(second);
+  const pid_t self = getpid();
+  const bool started = stream.Transcoding(start);
+  // The copy of this process that came back because it has nothing to run. Whoever reads the pipe
+  // sees its end; the channel is not the copy's.
+  if (getpid() != self) _exit(1);
+  if (!started) return RefusedStream(id, kind, "the transcoder could not be started");
+  CallResult result;
+  result.value["start"] = start;
+  result.descriptor = UniqueFd(fcntl(stream.GetReadFd(), F_DUPFD_CLOEXEC, 3));
+  if (!result.descriptor.valid()) return Refused("failed", "too many descriptors are open");
+  return result;
+}
+
+CallResult StartProgressive(const std::string& id, const Json::Value& arguments) {
+  Opened<LibTarnVTE::HttpStream> stream(id);
+  if (!arguments.isMember("offset")) return Start(stream, "HTTP", NumberOf(arguments, "start"));
+  if (!IsFolder(StreamDirectory(id, "HTTP"))) return RefusedStream(id, "HTTP", "");
+  const long second = stream.ConvertByteRangeToTimeRange(CountOf(arguments, "offset"));
+  if (second < 0) return Refused("bad-range", "the profile's key names no rates");
+  return Start(stream, "HTTP", static_cast<double>(second));
+}
+
+}  // namespace
+
+CallResult BytesCall(const Json::Value& arguments) {
+  const std::string id = TextOf(arguments, "stream_id");
+  const std::string kind = TextOf(arguments, "kind");
+  if (kind == "HTTP") return StartProgressive(id, arguments);
+  if (kind != "WEBM") return Refused("no-such-stream", "this kind is no stream of bytes");
+  Opened<LibTarnVTE::WebMStream> stream(id);
+  return Start(stream, "WEBM", NumberOf(arguments, "start"));
+}
+
+}  // namespace tarnbackend
