@@ -32,8 +32,9 @@ using SmoothStream = Opened<LibTarnVTE::SmoothStream>;
 // As long as the engine lets a client wait.
 constexpr auto kLongestWait = std::chrono::seconds(60);
 constexpr int kLookMs = 20;
-// The newest run's token (docs/formats/working-directory.md).
+// The newest run's token and its beginning (docs/formats/working-directory.md).
 constexpr char kSequenceFile[] = "request_sequence";
+constexpr char kSeekFile[] = "seek_time";
 
 enum class Came { kYes, kEnded, kSuperseded, kLate };
 
@@ -49,6 +50,7 @@ struct Wanted {
   std::string id;   // as it was asked for
   std::string run;  // the identifier that a run is started for
   bool first = false;
+  int number = 0;  // of HLS
   Clock::time_point begin = Clock::now();
 
   bool TimeIsLeft() const { return Clock::now() - begin < kLongestWait; }
@@ -62,8 +64,13 @@ Came WaitFor(HlsStream& stream, const Wanted<HlsStream>& wanted, std::string& pa
   return stream.IsFFmpegRun() ? Came::kLate : Came::kEnded;
 }
 
-bool WillCome(HlsStream& stream, const Wanted<HlsStream>& wanted) {
-  return !stream.IsTransAndSegNeedToRestart(wanted.id);
+// What the old run left may lie there still: only the place where the newest one begins tells.
+bool WillCome(const HlsStream& stream, const Wanted<HlsStream>& wanted) {
+  constexpr int kWindow = 4;  // the fragments behind the first one that start no other run
+  const std::string begin = LibTarnVTE::ReadFile(stream.GetVTEFileFullPath(kSeekFile));
+  if (begin.empty()) return false;
+  const int behind = wanted.number - std::atoi(begin.c_str());
+  return behind >= 0 && behind <= kWindow;
 }
 
 // The engine's own wait does not notice that the run was replaced by one that begins elsewhere.
@@ -80,7 +87,7 @@ Came WaitFor(SmoothStream& stream, const Wanted<SmoothStream>& wanted, std::stri
       if (!path.empty()) return Came::kYes;
     }
     if (!IsFolder(directory)) return Came::kEnded;
-    if (!newest && stream.IsNeedToSeek(wanted.run)) return Came::kSuperseded;
+    if (stream.IsNeedToSeek(wanted.run)) return Came::kSuperseded;
     // A run that replaces this one is not recorded yet while the old one ends.
     if (newest && !running) return Came::kEnded;
     if (!wanted.TimeIsLeft()) return Came::kLate;
@@ -88,7 +95,7 @@ Came WaitFor(SmoothStream& stream, const Wanted<SmoothStream>& wanted, std::stri
   }
 }
 
-bool WillCome(SmoothStream& stream, const Wanted<SmoothStream>& wanted) {
+bool WillCome(const SmoothStream& stream, const Wanted<SmoothStream>& wanted) {
   return !stream.IsNeedToSeek(wanted.run);
 }
 
@@ -156,7 +163,7 @@ CallResult HlsFragment(const std::string& stream_id, const std::string& fragment
   if (number < 0) return Refused("no-such-fragment", "the playlist does not name it");
   char id[16];
   std::snprintf(id, sizeof id, "%05d", number);
-  return Fetch<HlsStream>({stream_id, id, id, number == 0}, "HLS");
+  return Fetch<HlsStream>({stream_id, id, id, number == 0, number}, "HLS");
 }
 
 CallResult SmoothFragment(const std::string& stream_id, const std::string& fragment) {
