@@ -62,6 +62,14 @@ std::string StreamDirectory(const std::string& stream_id, const std::string& kin
   return IsKind(kind) ? LibTarnVTE::GetVTEFileFullPath(stream_id, kind, "") : "";
 }
 
+CallResult RefusedStream(const std::string& stream_id, const std::string& kind,
+                         const std::string& cause) {
+  const std::string directory = StreamDirectory(stream_id, kind);
+  if (directory.empty()) return Refused("no-such-stream", "no stream can have this name");
+  if (!IsFolder(directory)) return Refused("stream-ended", "its working directory is gone");
+  return Refused("failed", cause);
+}
+
 bool IsFile(const std::string& path) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "backend/work/calls.h"
+
 namespace tarnbackend {
 
 // Members of a call's arguments; the default where there is none. Each throws
@@ -23,6 +25,10 @@ bool IsKind(const std::string& kind);
 
 // A stream's working directory; empty for what is no identifier or kind.
 std::string StreamDirectory(const std::string& stream_id, const std::string& kind);
+
+// Why a call about a stream failed: "no-such-stream", "stream-ended", or "failed" for the cause.
+CallResult RefusedStream(const std::string& stream_id, const std::string& kind,
+                         const std::string& cause);
 
 bool IsFile(const std::string& path);
 bool IsFolder(const std::string& path);

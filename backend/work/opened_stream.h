@@ -1,9 +1,6 @@
 // Streams of each kind with the parts open that a caller of the engine asks about.
 #pragma once
 
-#include <string>
-
-#include "backend/work/calls.h"
 #include "tarnvte/vtemetadata.h"
 
 namespace tarnbackend {
@@ -16,9 +13,5 @@ class Opened : public Kind {
   using Kind::Kind;
   const LibTarnVTE::VTEMetaData& source() const { return this->metadata; }
 };
-
-// What to say of a stream about which the engine says nothing.
-CallResult RefusedStream(const std::string& stream_id, const std::string& kind,
-                         const std::string& cause);
 
 }  // namespace tarnbackend

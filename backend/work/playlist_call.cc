@@ -1,67 +1,57 @@
 // The call "playlist".
 #include <algorithm>
 #include <string>
-#include <string_view>
 
 #include "backend/work/call_arguments.h"
 #include "backend/work/engine_calls.h"
-#include "backend/work/opened_stream.h"
 #include "backend/work/playlist_entries.h"
 #include "tarnvte/http_live_stream.h"
 #include "tarnvte/smooth_stream.h"
 
 namespace tarnbackend {
+namespace {
 
-std::string VideoPlaylist(LibTarnVTE::HttpLiveStream& stream) {
-  // A stream without subtitles has one playlist.
-  const std::string path = stream.GetMainfest("video", "");
-  return IsFile(path) ? path : stream.GetMainfest("", "");
+bool HasSubtitle(const LibTarnVTE::HttpLiveStream& stream, const std::string& id) {
+  const auto subtitles = stream.GetSubtitleMap("all");
+  return std::ranges::any_of(subtitles, [&id](const auto& it) { return it.first == id; });
 }
 
-int CountEntries(const std::string& path) {
-  constexpr std::string_view kEntry = "#EXTINF:";
-  const std::string text = ReadText(path);
-  int count = 0;
-  for (size_t at = text.find(kEntry); at != std::string::npos; at = text.find(kEntry, at + 1)) {
-    if (at == 0 || text[at - 1] == '\n') ++count;
-  }
-  return count;
+// Empty for a subtitle that is none.
+std::string HlsPlaylist(const std::string& stream_id, const std::string& type,
+                        const std::string& subtitle) {
+  LibTarnVTE::HttpLiveStream stream(stream_id);
+  stream.TouchAccess();
+  if (type == "video") return VideoPlaylist(stream);
+  if (type == "subtitle" && !HasSubtitle(stream, subtitle)) return "";
+  return stream.GetMainfest(type, subtitle);
 }
 
-CallResult RefusedStream(const std::string& stream_id, const std::string& kind,
-                         const std::string& cause) {
-  const std::string directory = StreamDirectory(stream_id, kind);
-  if (directory.empty()) return Refused("no-such-stream", "no stream can have this name");
-  if (!IsFolder(directory)) return Refused("stream-ended", "its working directory is gone");
-  return Refused("failed", cause);
+std::string SmoothManifest(const std::string& stream_id) {
+  const LibTarnVTE::SmoothStream stream(stream_id);
+  stream.TouchAccess();
+  return stream.GetMainfest();
 }
+
+}  // namespace
 
 CallResult PlaylistCall(const Json::Value& arguments) {
   const std::string id = TextOf(arguments, "stream_id");
   const std::string kind = TextOf(arguments, "kind");
   const std::string type = TextOf(arguments, "type");
   const std::string subtitle = TextOf(arguments, "subtitle_id");
-  std::string path;
-  if (kind == "HLS") {
-    Opened<LibTarnVTE::HttpLiveStream> stream(id);
-    stream.TouchAccess();
-    if (type == "subtitle") {
-      const auto subtitles = stream.GetSubtitleMap("all");
-      if (IsFolder(StreamDirectory(id, kind)) &&
-          std::ranges::find(subtitles, subtitle, [](const auto& it) { return it.first; }) ==
-              subtitles.end()) {
-        return Refused("no-such-subtitle", "the stream has no such subtitle");
-      }
-    }
-    path = type == "video" ? VideoPlaylist(stream) : stream.GetMainfest(type, subtitle);
-  } else if (kind == "SS") {
-    Opened<LibTarnVTE::SmoothStream> stream(id);
-    stream.TouchAccess();
-    path = stream.GetMainfest();
-  }
-  if (!IsFile(path)) return RefusedStream(id, kind, "there is no such playlist");
   CallResult result;
-  result.value["path"] = path;
+  const std::string path = kind == "HLS"  ? HlsPlaylist(id, type, subtitle)
+                           : kind == "SS" ? SmoothManifest(id)
+                                          : "";
+  if (IsFile(path)) {
+    result.value["path"] = path;
+    return result;
+  }
+  result = RefusedStream(id, kind, "there is no such playlist");
+  // Also of a stream that was prepared without subtitles.
+  if (result.word == "failed" && type == "subtitle") {
+    result = Refused("no-such-subtitle", "the stream offers no such subtitle");
+  }
   return result;
 }
 

@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -110,6 +111,32 @@ TEST_F(EngineCallsTest, ServesAnEncodedVideoAsHls) {
   // Nobody else may have the name meanwhile.
   EXPECT_EQ(Ask("prepare", request).word, "failed");
   EXPECT_EQ(Fragment("00035").kind, Kind::kDone);
+  EXPECT_EQ(Ask("close", stream_).kind, Kind::kDone);
+  ExpectNothingLeft();
+}
+
+TEST_F(EngineCallsTest, FollowsKeyframesWhereTheyAreKnown) {
+  // Its name is not UTF-8.
+  const std::string file = "/volume1/\xe9.mkv";
+  std::filesystem::copy_file(kMedia + "keyframes.mkv", file);
+  Json::Value request = Request(file, "HLS", kCopy);
+  request["pre_analysis"] = true;
+  const Answer before = Prepare(request);
+  ASSERT_EQ(before.kind, Kind::kDone) << before.word << before.cause;
+  EXPECT_FALSE(before.value["planned"].asBool());
+  EXPECT_EQ(before.value["fragments"].asInt(), 5);
+  EXPECT_EQ(Ask("close", stream_).kind, Kind::kDone);
+
+  const std::string analyze = TARN_TEST_BIN "/cli/tarnvte analyze '" + file + "' >/dev/null";
+  ASSERT_EQ(std::system(analyze.c_str()), 0);
+  const Answer prepared = Prepare(request);
+  ASSERT_EQ(prepared.kind, Kind::kDone) << prepared.word << prepared.cause;
+  EXPECT_TRUE(prepared.value["planned"].asBool());
+  // They begin at 0, 11, 18 and 26 s.
+  EXPECT_EQ(prepared.value["fragments"].asInt(), 4);
+  EXPECT_EQ(Fragment("3").kind, Kind::kDone);
+  EXPECT_EQ(Fragment("4").word, "no-such-fragment");
+  EXPECT_EQ(Ask("playlist", OfStream("type", "subtitle")).word, "no-such-subtitle");
   EXPECT_EQ(Ask("close", stream_).kind, Kind::kDone);
   ExpectNothingLeft();
 }
