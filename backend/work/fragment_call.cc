@@ -17,6 +17,7 @@
 #include "backend/work/engine_calls.h"
 #include "backend/work/opened_stream.h"
 #include "backend/work/playlist_entries.h"
+#include "client/registry_view.h"
 #include "client/smooth_fragments.h"
 #include "tarnvte/http_live_stream.h"
 #include "tarnvte/smooth_stream.h"
@@ -43,6 +44,12 @@ std::string NewestRun(const Stream& stream) {
   return LibTarnVTE::ReadFile(stream.GetVTEFileFullPath(kSequenceFile));
 }
 
+// Empty where there is none, or it failed.
+template <typename Stream>
+std::string BeginOfRun(const Stream& stream) {
+  return LibTarnVTE::ReadFile(stream.GetVTEFileFullPath(kSeekFile));
+}
+
 // One fragment of a stream, and one request for it.
 template <typename Kind>
 struct Wanted {
@@ -67,10 +74,16 @@ Came WaitFor(HlsStream& stream, const Wanted<HlsStream>& wanted, std::string& pa
 // What the old run left may lie there still: only the place where the newest one begins tells.
 bool WillCome(const HlsStream& stream, const Wanted<HlsStream>& wanted) {
   constexpr int kWindow = 4;  // the fragments behind the first one that start no other run
-  const std::string begin = LibTarnVTE::ReadFile(stream.GetVTEFileFullPath(kSeekFile));
+  const std::string begin = BeginOfRun(stream);
   if (begin.empty()) return false;
   const int behind = wanted.number - std::atoi(begin.c_str());
   return behind >= 0 && behind <= kWindow;
+}
+
+// The newest run is the one that was started for this request. One that failed is forgotten.
+bool IsNewest(const HlsStream& stream, const Wanted<HlsStream>& wanted) {
+  const std::string begin = BeginOfRun(stream);
+  return begin.empty() || begin == wanted.id;
 }
 
 // The engine's own wait does not notice that the run was replaced by one that begins elsewhere.
@@ -99,6 +112,11 @@ bool WillCome(const SmoothStream& stream, const Wanted<SmoothStream>& wanted) {
   return !stream.IsNeedToSeek(wanted.run);
 }
 
+bool IsNewest(const SmoothStream& stream, const Wanted<SmoothStream>&) {
+  const std::string begin = BeginOfRun(stream);
+  return begin.empty() || begin == std::to_string(stream.GetSeekTimeInMillisecond() / 1000);
+}
+
 // An open file outlives its name, which the next seek removes.
 std::optional<CallResult> Found(const std::string& path, bool restarted) {
   UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
@@ -110,13 +128,25 @@ std::optional<CallResult> Found(const std::string& path, bool restarted) {
   return result;
 }
 
+// The run for this request came to nothing; the engine does not say why.
+template <typename Stream>
+CallResult Ended(const Stream& stream, const char* kind) {
+  if (!stream.is_remux && !tarnclient::RegistryView().Kind(stream.is_hardware)["room"].asBool()) {
+    return Refused("TransEnable", "as many transcoders as this machine bears are running");
+  }
+  return RefusedStream(stream.GetStreamID(), kind, "the transcoder ended without the fragment");
+}
+
 template <typename Stream>
 CallResult Fetch(const Wanted<Stream>& wanted, const char* kind) {
   const auto refused = [&](const char* cause) {
     return RefusedStream(wanted.stream_id, kind, cause);
   };
+  // Runs that ended before they came to it: those of others may have been killed with whoever
+  // started them, or be about to be replaced.
+  constexpr int kMaxEnds = 3;
   bool restarted = false;
-  for (bool tried_again = false;;) {
+  for (int ends = 0;;) {
     Stream stream(wanted.stream_id);
     stream.TouchAccess();
     const std::string before = NewestRun(stream);
@@ -138,11 +168,8 @@ CallResult Fetch(const Wanted<Stream>& wanted, const char* kind) {
     if (came == Came::kSuperseded && !WillCome(stream, wanted)) {
       return Refused("superseded", "a newer seek replaced the run");
     }
-    // A run that was found, and ended, may have been killed with whoever started it.
-    if (came == Came::kEnded && (started || tried_again)) {
-      return refused("the transcoder ended without the fragment");
-    }
-    tried_again = tried_again || came == Came::kEnded;
+    if (came != Came::kEnded) continue;
+    if ((started && IsNewest(stream, wanted)) || ++ends == kMaxEnds) return Ended(stream, kind);
   }
 }
 

@@ -91,15 +91,7 @@ TEST_F(ByteCallsTest, AProgressiveStreamWithoutRatesHasNoByteRanges) {
 }
 
 TEST_F(ByteCallsTest, AProgressiveStreamIsRefusedAtOnceWithoutRoom) {
-  // Far more than any machine bears, each of them alive: this process is all of them.
-  std::string entries;
-  for (int i = 0; i < 64; ++i) {
-    entries += std::string(i == 0 ? "" : ",") + "{\"PID\":" + std::to_string(getpid()) +
-               ",\"hardware_transcode\":false,\"offline_conversion\":false}";
-  }
-  ASSERT_EQ(Ask("registry").kind, Kind::kDone);
-  tarn::test::WriteText("/tmp/Reelbay/enabled", "[" + entries + "]");
-  ASSERT_FALSE(Ask("registry").value["software"]["room"].asBool());
+  FillRegistry();
   EXPECT_EQ(Prepare(Request("clip.mkv", "HTTP", kProgressive)).word, "TransEnable");
   EXPECT_EQ(Prepare(Request("clip.mkv", "WEBM", kWebM)).word, "TransEnable");
   ExpectNothingLeft();

@@ -312,6 +312,46 @@ TEST_F(EngineCallsTest, ANewerSeekEndsTheWaitForWhatItWillNotReach) {
   ExpectNothingLeft();
 }
 
+TEST_F(EngineCallsTest, SaysWhenThereIsNoRoomForARun) {
+  for (const char* kind : {"HLS", "SS"}) {
+    const bool hls = kind == std::string("HLS");
+    const Json::Value request = Request("clip.mkv", kind, hls ? kEncode : kSmooth);
+    ASSERT_EQ(Prepare(request).kind, Kind::kDone);
+    FillRegistry();
+    EXPECT_EQ(Fragment(hls ? "1" : Video(1)).word, "TransEnable") << kind;
+    EXPECT_EQ(Ask("prepare", request).word, "TransEnable") << kind;
+    tarn::test::WriteText("/tmp/Reelbay/enabled", "[]");
+    EXPECT_EQ(Fragment(hls ? "1" : Video(1)).kind, Kind::kDone) << kind;
+    EXPECT_EQ(Ask("close", stream_).kind, Kind::kDone);
+  }
+  ExpectNothingLeft();
+}
+
+TEST_F(EngineCallsTest, RequestsThatSeekAgainstEachOtherAreAllAnswered) {
+  for (const char* kind : {"HLS", "SS"}) {
+    const bool hls = kind == std::string("HLS");
+    ASSERT_EQ(Prepare(Request("subtitled.mkv", kind, hls ? kEncode : kSmooth)).kind, Kind::kDone);
+    std::vector<Answer> answers;
+    for (const int number : {30, 5, 17, 31, 0, 6, 35, 18}) {
+      const std::string id =
+          hls ? std::to_string(number) : Video(number, number % 2 == 0 ? "video" : "audio");
+      const auto call = Submit("fragment", OfStream("fragment", id), answers);
+      if (number == 0) pool_->Forget(call);
+    }
+    ASSERT_TRUE(RunUntil([&] { return answers.size() == 7; }));
+    bool one_came = false;
+    for (const Answer& answer : answers) {
+      one_came = one_came || answer.kind == Kind::kDone;
+      EXPECT_TRUE(answer.kind == Kind::kDone || answer.word == "superseded")
+          << kind << answer.word << answer.cause;
+    }
+    EXPECT_TRUE(one_came);
+    EXPECT_EQ(Fragment(hls ? "12" : Video(12)).kind, Kind::kDone);
+    EXPECT_EQ(Ask("close", stream_).kind, Kind::kDone);
+  }
+  ExpectNothingLeft();
+}
+
 TEST_F(EngineCallsTest, AWorkerThatIsKilledCostsItsOwnRequestOnly) {
   StartWorkers(1);
   for (const char* kind : {"HLS", "SS"}) {

@@ -93,6 +93,18 @@ class EnginePool : public PoolFixture {
     return found;
   }
 
+  // No transcoder may start any more: far more than any machine bears are registered, each of them
+  // alive, as this process is all of them.
+  void FillRegistry() {
+    std::string entries;
+    for (int i = 0; i < 64; ++i) {
+      entries += std::string(i == 0 ? "" : ",") + "{\"PID\":" + std::to_string(getpid()) +
+                 ",\"hardware_transcode\":false,\"offline_conversion\":false}";
+    }
+    tarn::test::WriteText("/tmp/Reelbay/enabled", "[" + entries + "]");
+    ASSERT_FALSE(Ask("registry").value["software"]["room"].asBool());
+  }
+
   // Ends the pool; then neither processes nor files of a stream may be left.
   void ExpectNothingLeft() {
     pool_.reset();
