@@ -1,5 +1,6 @@
 // The call "bytes".
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <climits>
@@ -10,11 +11,29 @@
 #include "backend/work/call_arguments.h"
 #include "backend/work/engine_calls.h"
 #include "backend/work/opened_stream.h"
+#include "client/registry_view.h"
 #include "tarnvte/http_stream.h"
 #include "tarnvte/webm_stream.h"
 
 namespace tarnbackend {
 namespace {
+
+// Ends the run before, so that its place is free. False when there is none all the same: the engine
+// would notice only in the transcoder, whose output is empty then.
+template <typename Stream>
+bool MakeRoom(const Stream& stream) {
+  constexpr int kLooks = 50;
+  constexpr int kLookMs = 200;
+  const bool ran = stream.IsFFmpegRun();
+  if (ran) stream.SaveMonitorPid(0, true);
+  for (int look = 0; !stream.is_remux; ++look) {
+    if (tarnclient::RegistryView().Kind(stream.is_hardware)["room"].asBool()) return true;
+    // On a machine with much to do it may end later than it is waited for.
+    if (!ran || look == kLooks) return false;
+    poll(nullptr, 0, kLookMs);
+  }
+  return true;
+}
 
 template <typename Stream>
 CallResult Start(Stream& stream, const char* kind, double second) {
@@ -25,6 +44,9 @@ CallResult Start(Stream& stream, const char* kind, double second) {
   }
   if (second < 0 || std::floor(second) > stream.source().GetDuration() || second >= INT_MAX) {
     return Refused("bad-range", "the position lies behind the end");
+  }
+  if (!MakeRoom(stream)) {
+    return Refused("TransEnable", "as many transcoders as this machine bears are running");
   }
   const int start = static_cast<int>(second);
   const pid_t self = getpid();

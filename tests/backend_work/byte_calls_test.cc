@@ -90,8 +90,12 @@ TEST_F(ByteCallsTest, AProgressiveStreamWithoutRatesHasNoByteRanges) {
   ExpectNothingLeft();
 }
 
-TEST_F(ByteCallsTest, AProgressiveStreamIsRefusedAtOnceWithoutRoom) {
+TEST_F(ByteCallsTest, NothingIsStartedWithoutRoom) {
+  ASSERT_EQ(Prepare(Request("clip.mkv", "WEBM", kWebM)).kind, Kind::kDone);
   FillRegistry();
+  EXPECT_EQ(Ask("bytes", stream_).word, "TransEnable");
+  EXPECT_EQ(Ask("close", stream_).kind, Kind::kDone);
+  // This kind would wait a minute.
   EXPECT_EQ(Prepare(Request("clip.mkv", "HTTP", kProgressive)).word, "TransEnable");
   EXPECT_EQ(Prepare(Request("clip.mkv", "WEBM", kWebM)).word, "TransEnable");
   ExpectNothingLeft();
