@@ -27,6 +27,7 @@ CallResult Echo(const Json::Value& arguments) {
   CallResult result;
   result.value = arguments;
   result.value["pid"] = getpid();
+  result.value["user"] = geteuid();
   return result;
 }
 
@@ -65,7 +66,7 @@ CallResult CloseChannel(const Json::Value&) {
   Hang();
 }
 
-// Asks for descriptors, the network and the like of this process.
+// Where a link of this process's own view leads to.
 CallResult Linked(const Json::Value& arguments) {
   char target[4096];
   const ssize_t length = readlink(arguments["path"].asCString(), target, sizeof target);

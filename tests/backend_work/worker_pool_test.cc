@@ -301,6 +301,36 @@ TEST_F(WorkerPoolTest, AWorkerHasANetworkOfItsOwn) {
             std::filesystem::read_symlink("/proc/self/ns/net").string());
 }
 
+TEST_F(WorkerPoolTest, AWorkerOfAnOrdinaryUserHasANetworkOfItsOwn) {
+  const pid_t child = test::InChild([&] {
+    if (!test::BecomeOrdinaryUser()) return 1;
+    // Who has no group can have no user namespace.
+    test::WriteText("/proc/self/setgroups", "deny");
+    test::WriteText("/proc/self/gid_map", "1000 0 1");
+    StartPool(Options());
+    const Answer answer = Ask("link", With("path", "/proc/self/ns/net"));
+    if (answer.kind != Kind::kDone) return 2;
+    const std::string own = std::filesystem::read_symlink("/proc/self/ns/net");
+    if (answer.value["target"].asString() == own) return 3;
+    // It is the same user all the same.
+    return Ask("echo").value["user"].asInt() == 1000 && log_.empty() ? 0 : 4;
+  });
+  EXPECT_EQ(test::WaitFor(child), 0);
+}
+
+TEST_F(WorkerPoolTest, SaysOnceThatWorkersCannotLeaveTheNetwork) {
+  const pid_t child = test::InChild([&] {
+    if (!test::BecomeOrdinaryUser()) return 1;
+    StartPool(Options());
+    // Each of a worker of its own.
+    for (int i = 0; i < 5; ++i) {
+      if (Ask("echo-once").kind != Kind::kDone) return 2;
+    }
+    return log_.size() == 1 && Logged("could not leave the machine's network: ") ? 0 : 3;
+  });
+  EXPECT_EQ(test::WaitFor(child), 0);
+}
+
 TEST_F(WorkerPoolTest, WorkersDieWithTheirParent) {
   int ends[2];
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
