@@ -9,10 +9,11 @@ stage=$work/stage
 
 DESTDIR=$stage cmake --install "$build" >"$work/install.log"
 profiles=/var/packages/Reelbay/target/share/profiles
+page=/var/packages/Reelbay/target/share/page
 for file in "$prefix/bin/tarnvte" /var/packages/Orbfold/target/bin/ffmpeg41 \
   /var/packages/Orbfold/target/bin/ffmpeg27 /var/packages/Reelbay/target/bin/tarn-gst "$prefix/include/tarnvte/webm_stream.h" \
   "$prefix/include/tarnvte/http_stream.h" \
-  "$profiles"/{webm,hls,http,smooth}.json; do
+  "$profiles"/{webm,hls,http,smooth}.json "$page"/{index.html,player.js,lib/hls.min.js}; do
   [[ -e $stage$file ]] || { echo "not installed: $file"; exit 1; }
 done
 

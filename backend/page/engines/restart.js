@@ -1,0 +1,75 @@
+// A byte stream, WebM or progressive, that is opened anew for every seek.
+import {Engine} from './engine.js';
+
+/**
+ * What to add to an element's time to get the film's. Streams begin either at the film's second or
+ * at 0, and which of the two is the stream's and the browser's choice; the nearer one it is. Pure.
+ * @param {number} begin the element's time of the first picture
+ * @param {number} start the film's second that was asked for
+ * @returns {number} 0 or `start`
+ */
+export function clockOffset(begin, start) {
+  return Math.abs(begin - start) <= Math.abs(begin) ? 0 : start;
+}
+
+/**
+ * The address of a byte stream from a second on. Pure.
+ * @param {string} url @param {number} second
+ * @returns {string}
+ */
+export function startUrl(url, second) {
+  return `${url}${url.includes('?') ? '&' : '?'}start=${Math.round(second * 1000) / 1000}`;
+}
+
+// Where a stream begins there must be something left to play.
+const LEAST = 0.5;
+
+/** Plays a stream whose answer to `&start=S` begins at that second. */
+export class RestartEngine extends Engine {
+  /** @param {import('./engine.js').Setting} setting */
+  constructor(setting) {
+    super(setting);
+    this.known = false;
+    this.listen('loadeddata', () => this.findOffset());
+    this.open(this.at);
+  }
+
+  open(wanted) {
+    const {duration} = this.stream;
+    const second = duration > 0 ? Math.max(0, Math.min(wanted, duration - LEAST)) : wanted;
+    this.known = false;
+    this.at = second;
+    // Until the stream says otherwise its clock is taken to be the film's.
+    this.offset = 0;
+    this.video.src = startUrl(this.stream.url, second);
+    // Another source pauses the element.
+    if (this.wantsPlay()) this.video.play().catch(() => {});
+  }
+
+  findOffset() {
+    if (this.known) return;
+    const {buffered} = this.video;
+    const begin = buffered.length > 0 ? buffered.start(0) : this.video.currentTime;
+    this.known = true;
+    this.offset = clockOffset(begin, this.at);
+  }
+
+  filmTime(mediaTime) {
+    return mediaTime + (this.known ? this.offset : clockOffset(mediaTime, this.at));
+  }
+
+  time() {
+    return this.known ? this.video.currentTime + this.offset : this.at;
+  }
+
+  seek(second) {
+    const loaded = this.known &&
+        this.buffered().some(([begin, end]) => begin <= second && second < end - 0.25);
+    if (loaded) super.seek(second);
+    else this.open(second);
+  }
+
+  buffered() {
+    return this.known ? super.buffered() : [];
+  }
+}

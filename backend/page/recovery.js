@@ -1,0 +1,32 @@
+// What to do when a stream breaks off, or none is given. Pure.
+import {explain} from './words.js';
+
+/**
+ * @param {{word: string, gone?: boolean}} error
+ * @param {{reopened: boolean, kind: string, chosen: string}} state `reopened`: that was tried a
+ *     moment ago; `kind` of the stream, `chosen`: what the viewer asked for
+ * @returns {'reopen'|'convert'|'wait'|'tell'} prepare another at the same second; the same, as HLS;
+ *     count down and try again; say what happened
+ */
+export function afterTrouble(error, {reopened, kind, chosen}) {
+  const {retry} = explain(error);
+  if (error.word === 'not-decodable') {
+    return chosen === 'auto' && kind !== 'hls' ? 'convert' : 'tell';
+  }
+  if (retry === 'soon') return 'wait';
+  if (retry === 'no') return 'tell';
+  return reopened ? 'tell' : 'reopen';
+}
+
+/**
+ * What to do when a stream is refused.
+ * @param {{word: string}} error
+ * @param {boolean} hasOld another stream of this page still plays
+ * @returns {'replace'|'keep'|'wait'|'tell'} close the old one and ask again; stay with the old one;
+ *     count down and try again; say what happened
+ */
+export function afterRefusal(error, hasOld) {
+  const {retry} = explain(error);
+  if (hasOld) return retry === 'soon' ? 'replace' : 'keep';
+  return retry === 'soon' ? 'wait' : 'tell';
+}

@@ -1,0 +1,292 @@
+// One film being watched: its stream, the engine that plays it, and what happens when either fails.
+import {ApiError, closeStream, getStream, openStream} from './api.js';
+import {makeEngine} from './engines/choose.js';
+import {wishFor} from './prepare.js';
+import {afterRefusal, afterTrouble} from './recovery.js';
+import {clampTime} from './time.js';
+import {explain} from './words.js';
+
+const POLL_MS = 20000;
+const WATCHED_POLL_MS = 2000;
+const STEADY_MS = 60000;
+
+/**
+ * Events: "state" (opening, open, failed), "switch" (the picture is about to go), "stream" (another
+ * one), "status" (`status` is fresh), "message" (detail: a sentence).
+ */
+export class Session extends EventTarget {
+  /**
+   * @param {HTMLVideoElement} video
+   * @param {object} film as GET /videos/ID describes it
+   * @param {Object<string, boolean>} can what the browser can play
+   * @param {object} choice of kind, profile, audio, limit
+   */
+  constructor(video, film, can, choice) {
+    super();
+    Object.assign(this, {video, film, can, choice});
+    this.state = 'opening';
+    this.wantsPlay = true;
+    this.stream = null;
+    this.engine = null;
+    this.status = null;
+    /** @type {?{text: string, retry: string, seconds: number}} why the state is "failed" */
+    this.failure = null;
+    this.turn = 0;
+    this.reopenedAt = -Infinity;
+    this.watched = false;
+    this.at = 0;
+  }
+
+  /** @returns {number} the film's length, seconds */
+  get duration() {
+    return this.stream?.duration ?? this.film.duration ?? NaN;
+  }
+
+  /** @returns {number} the film's second that is shown, or is about to be */
+  time() {
+    return clampTime(this.engine ? this.engine.time() : this.at, this.duration);
+  }
+
+  /**
+   * Prepares a stream and plays it. One that plays goes on until the new one is there.
+   * @param {number} at second
+   * @param {?Promise<object>} [prepared] a stream that was asked for already
+   * @returns {Promise<boolean>} whether it plays now
+   */
+  async open(at, prepared = null) {
+    const turn = ++this.turn;
+    clearTimeout(this.countdown);
+    this.at = clampTime(at, this.duration);
+    this.failure = null;
+    this.setState('opening');
+    let stream;
+    try {
+      stream = await (prepared ?? openStream(wishFor(this.film.id, this.choice, this.can)));
+    } catch (error) {
+      if (turn === this.turn) return this.refused(error, this.engine !== null);
+      return false;
+    }
+    if (turn !== this.turn) {
+      closeStream(stream.id);
+      return false;
+    }
+    // The old one went on meanwhile.
+    if (this.engine) this.at = this.time();
+    this.letGo();
+    this.stream = stream;
+    this.emit('stream');
+    return this.attach(turn);
+  }
+
+  async attach(turn) {
+    const session = this;
+    const {stream} = this;
+    const setting = {
+      video: this.video,
+      stream,
+      // Where the viewer wants to be once the engine's library is there.
+      get at() { return session.at; },
+      wantsPlay: () => this.wantsPlay,
+      onTrouble: (trouble) => stream === this.stream && this.troubled(trouble),
+    };
+    try {
+      const engine = await makeEngine(setting, () => turn === this.turn);
+      if (!engine) return false;
+      this.engine = engine;
+    } catch (error) {
+      if (turn === this.turn) this.fail(new ApiError(0, 'unreachable', error.message));
+      return false;
+    }
+    this.setState('open');
+    this.emit('engine');
+    if (this.wantsPlay) this.play();
+    this.schedulePoll();
+    return true;
+  }
+
+  /**
+   * Another kind, profile, track: a new stream at the present second. Where it is refused the old one
+   * goes on.
+   * @param {object} changes members of the choice
+   */
+  async change(changes) {
+    const before = this.choice;
+    this.choice = {...before, ...changes};
+    const opened = await this.open(this.time());
+    if (!opened && this.kept) this.choice = before;
+    this.kept = false;
+  }
+
+  async refused(error, hasOld) {
+    if (!(error instanceof ApiError)) error = new ApiError(0, 'failed', String(error));
+    const {text} = explain(error);
+    switch (afterRefusal(error, hasOld)) {
+      case 'replace':
+        this.at = this.time();
+        this.letGo();
+        return this.open(this.at);
+      case 'keep':
+        this.kept = true;
+        this.setState('open');
+        this.emit('message', text);
+        this.schedulePoll();
+        return false;
+      default:
+        this.fail(error);
+        return false;
+    }
+  }
+
+  async troubled({word, message, url}) {
+    const {stream} = this;
+    const found = url ? await explainUrl(url) : null;
+    if (stream !== this.stream) return;
+    const error = found ?? new ApiError(0, word, message);
+    const reopened = performance.now() - this.reopenedAt < STEADY_MS;
+    const at = this.time();
+    switch (afterTrouble(error, {reopened, kind: this.stream.kind, chosen: this.choice.kind})) {
+      case 'convert':
+        this.choice = {...this.choice, kind: 'hls', profile: 'auto'};
+        this.emit('message', 'The browser could not decode it; it is converted now.');
+        this.letGo();
+        await this.open(at);
+        break;
+      case 'reopen':
+        this.reopenedAt = performance.now();
+        this.letGo();
+        await this.open(at);
+        break;
+      default:
+        this.at = at;
+        this.letGo();
+        this.fail(error);
+    }
+  }
+
+  fail(error) {
+    const {text, retry} = explain(error);
+    this.failure = {text, retry, word: error.word, seconds: 0};
+    if (retry === 'soon') this.countDown(error.retryAfter ?? 5);
+    this.setState('failed');
+  }
+
+  countDown(seconds) {
+    this.failure.seconds = seconds;
+    this.countdown = setTimeout(() => {
+      if (seconds > 1) this.countDown(seconds - 1);
+      else this.open(this.at);
+      this.emit('state');
+    }, 1000);
+  }
+
+  /** Tries again, at once. */
+  retry() {
+    this.reopenedAt = -Infinity;
+    this.open(this.at);
+  }
+
+  /** Lets it run. */
+  async play() {
+    this.wantsPlay = true;
+    this.emit('state');
+    try {
+      await this.video.play();
+    } catch (error) {
+      // Browsers want a click before there is sound; anything else comes as an engine's trouble.
+      if (error.name === 'NotAllowedError') {
+        this.wantsPlay = false;
+        this.emit('state');
+      }
+    }
+  }
+
+  /** Halts it. */
+  pause() {
+    this.wantsPlay = false;
+    this.video.pause();
+    this.emit('state');
+  }
+
+  /** @param {number} second of the film */
+  seek(second) {
+    this.at = clampTime(second, this.duration);
+    this.engine?.seek(this.at);
+  }
+
+  /** Asks the server more often while somebody looks. @param {boolean} watched */
+  setWatched(watched) {
+    this.watched = watched;
+    if (this.state === 'open') this.poll();
+  }
+
+  schedulePoll() {
+    clearTimeout(this.timer);
+    this.timer = setTimeout(() => this.poll(), this.watched ? WATCHED_POLL_MS : POLL_MS);
+  }
+
+  async poll() {
+    const {stream} = this;
+    clearTimeout(this.timer);
+    if (!stream) return;
+    try {
+      const status = await getStream(stream.id);
+      if (stream !== this.stream) return;
+      this.status = status;
+      this.emit('status');
+    } catch (error) {
+      if (stream !== this.stream) return;
+      if (error.gone) {
+        this.troubled({word: 'stream-ended', message: error.message});
+        return;
+      }
+      // A server that does not answer for a moment is the engine's to notice.
+    }
+    this.schedulePoll();
+  }
+
+  letGo() {
+    clearTimeout(this.timer);
+    if (this.engine) {
+      this.emit('switch');
+      this.engine.destroy();
+    }
+    if (this.stream) closeStream(this.stream.id);
+    this.engine = null;
+    this.stream = null;
+    this.status = null;
+  }
+
+  /** Ends it all; open() begins anew. */
+  close() {
+    this.at = this.time();
+    ++this.turn;
+    clearTimeout(this.countdown);
+    this.letGo();
+  }
+
+  setState(state) {
+    this.state = state;
+    this.emit('state');
+  }
+
+  emit(name, detail) {
+    this.dispatchEvent(new CustomEvent(name, {detail}));
+  }
+}
+
+// What the server says about an address that could not be loaded; null where it says nothing.
+async function explainUrl(url) {
+  if (!/^(https?:|\/)/.test(url)) return null;
+  const stop = new AbortController();
+  try {
+    const response = await fetch(url, {signal: stop.signal});
+    if (response.ok) return null;
+    const body = await response.json();
+    return new ApiError(response.status, body.error, body.message,
+      Number(response.headers.get('Retry-After')) || 5);
+  } catch (error) {
+    return error instanceof TypeError ? new ApiError(0, 'unreachable', error.message) : null;
+  } finally {
+    stop.abort();
+  }
+}
