@@ -21,7 +21,7 @@ const settings = new Settings(storage);
 const root = document.getElementById('page');
 const live = document.getElementById('live');
 const toast = document.getElementById('toast');
-const library = new Library({resume});
+const library = new Library({resume, settings});
 let player = null;
 let turn = 0;
 let clicked = 0;
@@ -128,9 +128,13 @@ Object.defineProperty(window, 'tarnvte', {value: {
   get time() { return player?.session.time() ?? null; },
   get duration() { return player?.session.duration ?? null; },
   seek(second) { player?.goTo(second); },
-  change(changes) { return player?.session.change(changes); },
+  change(changes) { return player?.change(changes); },
 }});
 
+// The token that opened the page is in a cookie by now, and does not belong into histories.
+if (new URLSearchParams(location.search).has('token')) {
+  history.replaceState(null, '', location.pathname + location.hash);
+}
 route();
 // Most streams are played by it; once the page stands there is time to fetch it.
 const early = () => hasMediaSource() && loadHls().catch(() => {});

@@ -1,47 +1,28 @@
 // What the browser says it can play.
 
-const AUDIO = /^(mp4a|ac-3|ec-3|opus|vorbis|flac|mp3|alac|dts|pcm|1$)/i;
+// What the browser gets of these is put together by Media Source Extensions, where it has them.
+const BY_MEDIA_SOURCE = ['remux', 'h264'];
 
 /**
- * A MIME type's container and codecs, by what they carry. Pure.
- * @param {string} type 'video/mp4; codecs="avc1.64001f, mp4a.40.2"' say
- * @returns {{container: string, video: string[], audio: string[]}}
- */
-export function splitType(type) {
-  const [container] = type.split(';', 1);
-  const codecs = /codecs\s*=\s*"?([^"]*)"?/i.exec(type)?.[1] ?? '';
-  const names = codecs.split(',').map((name) => name.trim()).filter(Boolean);
-  return {
-    container: container.trim().toLowerCase(),
-    video: names.filter((name) => !AUDIO.test(name)),
-    audio: names.filter((name) => AUDIO.test(name)),
-  };
-}
-
-/**
- * What MediaCapabilities is to be asked for a check; it takes one codec for picture and one for
- * sound. Pure.
+ * What MediaCapabilities is to be asked for a check. Pure.
  * @param {object} check one of a video's `checks`
  * @param {'file'|'media-source'} how
  * @returns {?object} null where there is nothing it could be asked
  */
 export function decodingQuestion(check, how) {
-  const {container, video, audio} = splitType(check.type);
-  const question = {type: how};
-  if (container.startsWith('video/') && video.length > 0) {
-    if (!(check.width > 0 && check.height > 0)) return null;
-    question.video = {
-      contentType: `${container}; codecs="${video[0]}"`,
+  if (!check.video || !(check.width > 0 && check.height > 0)) return null;
+  const question = {
+    type: how,
+    video: {
+      contentType: check.video,
       width: check.width,
       height: check.height,
       bitrate: check.bit_rate > 0 ? check.bit_rate : 1,
       framerate: check.frame_rate > 0 ? check.frame_rate : 25,
-    };
-  }
-  if (audio.length > 0) {
-    question.audio = {contentType: `${container.replace(/^video\//, 'audio/')}; codecs="${audio[0]}"`};
-  }
-  return question.video || question.audio ? question : null;
+    },
+  };
+  if (check.audio) question.audio = {contentType: check.audio};
+  return question;
 }
 
 /**
@@ -67,16 +48,11 @@ export function browserMeans() {
   };
 }
 
-// Checks of what hls.js puts together are asked as for Media Source Extensions.
-function isForMediaSource(check) {
-  return /^(mse|hls|smooth)/.test(check.name);
-}
-
 async function canPlay(check, means) {
-  const how = isForMediaSource(check) ? 'media-source' : 'file';
-  const typeSupported = how === 'file'
-    ? means.canPlayType(check.type) !== '' : means.isTypeSupported?.(check.type) ?? false;
-  const question = means.decodingInfo && typeSupported ? decodingQuestion(check, how) : null;
+  const bySource = means.isTypeSupported !== null && BY_MEDIA_SOURCE.includes(check.name);
+  const typeSupported = bySource ? means.isTypeSupported(check.type) : means.canPlayType(check.type) !== '';
+  const question = means.decodingInfo && typeSupported
+    ? decodingQuestion(check, bySource ? 'media-source' : 'file') : null;
   const capabilities = question ? await means.decodingInfo(question).catch(() => null) : null;
   return decide(typeSupported, capabilities);
 }

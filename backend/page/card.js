@@ -23,14 +23,14 @@ export function cardLabel(video, begun) {
  * The card; a video that cannot be played says why instead of leading to the player.
  * @param {object} video as GET /videos lists it
  * @param {?{at: number, duration: number}} begun where one left off
+ * @param {import('./pictures.js').Pictures} pictures loads its picture
  * @returns {HTMLLIElement}
  */
-export function videoCard(video, begun) {
-  const image = element('img', {class: 'card-picture', loading: 'lazy', decoding: 'async', alt: '',
+export function videoCard(video, begun, pictures) {
+  const image = element('img', {class: 'card-picture missing', decoding: 'async', alt: '',
     width: WIDTH, height: WIDTH * 9 / 16});
-  image.addEventListener('error', () => image.classList.add('missing'));
-  if (!video.error) image.src = pictureUrl(video, {width: WIDTH});
-  else image.classList.add('missing');
+  image.addEventListener('load', () => image.classList.remove('missing'));
+  if (!video.error) pictures.add(image, pictureUrl(video, {width: WIDTH}));
   const bar = begun ? element('progress', {class: 'card-progress', max: 1, value: shareSeen(begun), 'aria-hidden': 'true'}) : null;
   const length = video.duration > 0 ? element('span', {class: 'card-length'}, formatTime(video.duration)) : null;
   const inside = [

@@ -2,6 +2,7 @@
 import {ApiError, listVideos} from './api.js';
 import {videoCard} from './card.js';
 import {element} from './dom.js';
+import {Pictures} from './pictures.js';
 import {dropEarly, firstChoice, prepareEarly, warmUp} from './prepare.js';
 import {explain} from './words.js';
 
@@ -19,9 +20,14 @@ export function countText(count, query) {
 
 /** Shows the library in `node`. */
 export class Library {
-  /** @param {{resume: import('./resume.js').ResumeStore}} surroundings */
-  constructor({resume}) {
+  /**
+   * @param {{resume: import('./resume.js').ResumeStore, settings: import('./settings.js').Settings}}
+   *     surroundings
+   */
+  constructor({resume, settings}) {
     this.resume = resume;
+    this.settings = settings;
+    this.pictures = new Pictures();
     this.query = '';
     this.videos = [];
     this.total = 0;
@@ -62,7 +68,7 @@ export class Library {
       const id = idOf(event);
       if (!id) return;
       const plain = event.button === 0 && !event.ctrlKey && !event.metaKey && !event.shiftKey && !event.altKey;
-      if (event.pointerType === 'mouse' && plain) prepareEarly(id, firstChoice());
+      if (event.pointerType === 'mouse' && plain) prepareEarly(id, firstChoice(this.settings.get('limit')));
       else warmUp(id);
     });
     this.node.addEventListener('dragstart', dropEarly);
@@ -70,6 +76,7 @@ export class Library {
 
   /** Shows it, fresh. */
   open() {
+    this.pictures.resume();
     this.showBegun();
     this.load();
     this.observer.observe(this.end);
@@ -77,6 +84,7 @@ export class Library {
 
   /** Leaves it; what was loaded stays. */
   close() {
+    this.pictures.pause();
     clearTimeout(this.timer);
     clearTimeout(this.typing);
     clearTimeout(this.hover);
@@ -122,7 +130,7 @@ export class Library {
     try {
       const {videos} = await listVideos({query: this.query, offset: this.videos.length, limit: PART}, signal);
       this.videos.push(...videos);
-      this.cards.append(...videos.map((video) => videoCard(video, this.resume.entry(video.id))));
+      this.cards.append(...videos.map((video) => videoCard(video, this.resume.entry(video.id), this.pictures)));
       if (videos.length === 0) this.total = this.videos.length;
     } catch (error) {
       if (error.name !== 'AbortError') this.failed(error);
@@ -138,7 +146,8 @@ export class Library {
     if (drawn !== this.drawn) {
       this.drawn = drawn;
       this.keepFocus(() => this.cards.replaceChildren(
-        ...this.videos.map((video) => videoCard(video, this.resume.entry(video.id)))));
+        ...this.videos.map((video) => videoCard(video, this.resume.entry(video.id), this.pictures))));
+      this.pictures.prune();
     }
     this.count.textContent = this.total > 0 ? countText(this.total, this.query) : '';
     if (this.videos.length > 0) this.show(scanning ? 'scanning' : '', scanning ? 'Still looking for videos…' : '');
@@ -164,8 +173,9 @@ export class Library {
         return null;
       }
     }));
-    const cards = found.filter(Boolean).map(({entry, video}) => videoCard(video, entry));
+    const cards = found.filter(Boolean).map(({entry, video}) => videoCard(video, entry, this.pictures));
     this.begun.replaceChildren(...cards);
+    this.pictures.prune();
     this.begunPart.hidden = cards.length === 0 || this.query !== '';
   }
 

@@ -35,9 +35,8 @@ export function panelRows({stream, status, profile, spans, time, firstPictureMs,
 
 function converter(status) {
   if (!status) return 'not known yet';
-  if (!status.running) return 'not running';
-  return typeof status.speed === 'number'
-    ? `running, ${status.speed.toFixed(1)}× as fast as one watches` : 'running';
+  if (status.running === false) return 'not running';
+  return typeof status.speed === 'number' ? `${status.speed.toFixed(1)}× as fast as one watches` : 'running';
 }
 
 function milliseconds(value) {

@@ -32,7 +32,7 @@ export class Player {
     this.listeners = new AbortController();
     this.video = element('video', {playsInline: true, preload: 'auto', 'aria-label': film.title});
     this.knobs = new Knobs(this.video, settings);
-    this.session = new Session(this.video, film, can, firstChoice());
+    this.session = new Session(this.video, film, can, firstChoice(settings.get('limit')));
     this.measure = new Measure(this.video,
       (mediaTime) => this.session.engine?.filmTime(mediaTime) ?? mediaTime);
     this.seeker = new Seeker((second) => this.goTo(second));
@@ -74,8 +74,8 @@ export class Player {
       picture: () => this.pictureInPicture(),
       panel: () => this.togglePanel(),
       help: () => this.help.showModal(),
-      change: (changes) => this.session.change(changes),
-      chooseAudio: (audio) => this.session.change({audio}),
+      change: (changes) => this.change(changes),
+      chooseAudio: (audio) => this.change({audio}),
       chooseSubtitle: (subtitle) => this.chooseSubtitle(subtitle),
       setRate: (rate) => this.knobs.setRate(rate),
       preview: (second) => pictureUrl(this.film, {at: second, width: 160}),
@@ -139,6 +139,13 @@ export class Player {
       volume: video.volume, full: document.fullscreenElement === this.node, subtitle: this.subtitle});
     this.notice.update({failure: session.failure, waiting, blocked: !session.wantsPlay && video.played.length === 0});
     if (!running) this.idle.wake();
+  }
+
+  change(changes) {
+    if (changes.limit !== undefined) this.settings.set('limit', changes.limit);
+    // Browsers play a file with one of its audio tracks only.
+    const other = changes.audio !== undefined && this.session.choice.kind === 'file';
+    return this.session.change(other ? {...changes, kind: 'auto'} : changes);
   }
 
   toggle() {
@@ -220,7 +227,7 @@ export class Player {
     const id = String(this.session.stream?.audio ?? tracks[0].id);
     const next = (tracks.findIndex((track) => String(track.id) === id) + 1) % tracks.length;
     this.say(`Audio: ${audioName(tracks[next], next)}`);
-    this.session.change({audio: tracks[next].id});
+    this.change({audio: tracks[next].id});
   }
 
   key(event) {

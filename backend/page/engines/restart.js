@@ -1,6 +1,8 @@
 // A byte stream, WebM or progressive, that is opened anew for every seek.
 import {Engine} from './engine.js';
 
+const LEAST = 0.5;
+
 /**
  * What to add to an element's time to get the film's. Streams begin either at the film's second or
  * at 0, and which of the two is the stream's and the browser's choice; the nearer one it is. Pure.
@@ -13,16 +15,23 @@ export function clockOffset(begin, start) {
 }
 
 /**
+ * Where a byte stream begins for a wanted second: at a whole one, with something left to play. Pure.
+ * @param {number} wanted the film's second @param {number} duration seconds
+ * @returns {number}
+ */
+export function startSecond(wanted, duration) {
+  const last = duration > 0 ? Math.floor(duration - LEAST) : Infinity;
+  return Math.max(0, Math.min(Math.round(wanted), last));
+}
+
+/**
  * The address of a byte stream from a second on. Pure.
- * @param {string} url @param {number} second
+ * @param {string} url @param {number} second a whole one
  * @returns {string}
  */
 export function startUrl(url, second) {
-  return `${url}${url.includes('?') ? '&' : '?'}start=${Math.round(second * 1000) / 1000}`;
+  return `${url}${url.includes('?') ? '&' : '?'}start=${second}`;
 }
-
-// Where a stream begins there must be something left to play.
-const LEAST = 0.5;
 
 /** Plays a stream whose answer to `&start=S` begins at that second. */
 export class RestartEngine extends Engine {
@@ -35,8 +44,7 @@ export class RestartEngine extends Engine {
   }
 
   open(wanted) {
-    const {duration} = this.stream;
-    const second = duration > 0 ? Math.max(0, Math.min(wanted, duration - LEAST)) : wanted;
+    const second = startSecond(wanted, this.stream.duration);
     this.known = false;
     this.at = second;
     // Until the stream says otherwise its clock is taken to be the film's.

@@ -3,7 +3,7 @@ import {test} from 'node:test';
 import {audioEntries, checkedLabel, kindEntries, nextRate, qualityEntries, rateEntries, subtitleEntries} from '../../../backend/page/choices.js';
 import {cuesAt} from '../../../backend/page/captions.js';
 import {engineFor} from '../../../backend/page/engines/choose.js';
-import {clockOffset, startUrl} from '../../../backend/page/engines/restart.js';
+import {clockOffset, startSecond, startUrl} from '../../../backend/page/engines/restart.js';
 import {HELP, keyAction} from '../../../backend/page/keys.js';
 import {answersSeek} from '../../../backend/page/measure.js';
 import {panelRows} from '../../../backend/page/panel.js';
@@ -97,8 +97,16 @@ test('the clock of a stream that begins anywhere', () => {
 });
 
 test('the address of a second', () => {
-  assert.equal(startUrl('/play?format=webm&id=1', 33.33333), '/play?format=webm&id=1&start=33.333');
+  assert.equal(startUrl('/play?format=webm&id=1', 33), '/play?format=webm&id=1&start=33');
   assert.equal(startUrl('/play', 0), '/play?start=0');
+});
+
+test('byte streams begin at whole seconds, before the end', () => {
+  const cases = [[33.4, 60, 33], [33.6, 60, 34], [60, 60, 59], [59.8, 60.2, 59], [60.7, 60.7, 60],
+    [0.2, 0.3, 0], [-1, 60, 0], [12.6, NaN, 13]];
+  for (const [wanted, duration, start] of cases) {
+    assert.equal(startSecond(wanted, duration), start, `${wanted} of ${duration}`);
+  }
 });
 
 test('the answer to a seek', () => {
@@ -188,7 +196,7 @@ test('the panel', () => {
     ['Loaded ahead', '10.0 s'], ['First picture after', '412 ms'], ['Last seek took', 'not measured yet'],
     ['Dropped frames', '2 of 50']]);
   const converter = (status) => panelRows({...facts, status}).find(([what]) => what === 'Converter')[1];
-  assert.equal(converter({running: true, speed: 11.26}), 'running, 11.3× as fast as one watches');
+  assert.equal(converter({running: true, speed: 11.26}), '11.3× as fast as one watches');
   assert.equal(converter({running: true, speed: null}), 'running');
   assert.equal(converter({running: false, speed: null}), 'not running');
   assert.equal(panelRows({...facts, stream: {kind: 'file'}}).some(([what]) => what === 'Converter'), false);
