@@ -60,5 +60,8 @@ void AddFragment(CLI::App& app, Command& command);
 void AddAnalyze(CLI::App& app, Command& command);
 void AddRegistry(CLI::App& app, Command& command);
 void AddDoctor(CLI::App& app, Command& command);
+void AddServe(CLI::App& app, Command& command);
+// Of the server's own processes: not for people.
+void AddServeWorker(CLI::App& app, Command& command);
 
 }  // namespace tarncli

@@ -97,6 +97,8 @@ int Main(int argc, char** argv) {
   AddAnalyze(app, command);
   AddRegistry(app, command);
   AddDoctor(app, command);
+  AddServe(app, command);
+  AddServeWorker(app, command);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

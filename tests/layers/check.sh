@@ -85,7 +85,7 @@ check_program() {
   done < <(find "$1" -name '*.cc' -o -name '*.h' | sort)
 }
 check_program client
-check_program cli client
+check_program cli client backend
 check_program backend client
 
 if ((checked < 100)); then

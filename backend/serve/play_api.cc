@@ -1,0 +1,191 @@
+#include "backend/serve/play_api.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include "backend/serve/playback_address.h"
+#include "backend/serve/video_file.h"
+
+namespace tarnbackend {
+namespace {
+
+// A segment never changes: whoever makes it anew makes the same.
+constexpr char kKeepFragment[] = "private, max-age=3600, immutable";
+constexpr int kMostAttempts = 3;
+
+// A fragment's answer; nothing where the file is not whole: it cannot be read by its owner before,
+// which root has to look at itself.
+std::unique_ptr<http::Response> WholeFragment(const Stream& stream, UniqueFd file) {
+  struct stat status {};
+  if (!file.valid() || fstat(file.get(), &status) != 0) return nullptr;
+  if (!S_ISREG(status.st_mode) || (status.st_mode & S_IRUSR) == 0) return nullptr;
+  auto response = std::make_unique<http::Response>();
+  response->type = stream.kind == StreamKind::kHls ? "video/mp2t" : "video/mp4";
+  response->etag = FileTag(status);
+  response->modified = status.st_mtime;
+  response->cache = kKeepFragment;
+  response->body = http::FileBody{std::move(file), static_cast<uint64_t>(status.st_size)};
+  return response;
+}
+
+UniqueFd OpenPlain(const std::string& path) {
+  return UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+}
+
+std::string ReadText(const std::string& path) {
+  const UniqueFd file = OpenPlain(path);
+  std::string text;
+  std::array<char, 65536> buffer{};
+  for (;;) {
+    const ssize_t got = read(file.get(), buffer.data(), buffer.size());
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return got < 0 ? "" : text;
+    text.append(buffer.data(), static_cast<size_t>(got));
+  }
+}
+
+std::unique_ptr<http::Response> TextOf(const Stream& stream, const std::string& path) {
+  std::string text = ReadText(path);
+  if (text.empty()) return nullptr;
+  auto response = std::make_unique<http::Response>();
+  response->type = StreamType(stream);
+  response->body = std::move(text);
+  response->compress = true;
+  return response;
+}
+
+double SecondsSince(Stream::Time begin) {
+  return std::chrono::duration<double>(EventLoop::Clock::now() - begin).count();
+}
+
+}  // namespace
+
+struct PlayApi::FragmentRequest {
+  ExchangePtr exchange;
+  Use use;
+  std::string id;
+  Stream::Time begin;
+  int attempts = 0;
+  bool restarted = false;
+};
+
+void PlayApi::Play(const ExchangePtr& exchange) {
+  const http::Request& request = exchange->request();
+  const StreamRef stream = context_.streams.Find(StreamOf(request));
+  if (stream == nullptr || request.Query("format") != KindName(stream->kind)) {
+    exchange->Reply(Refusal("no-such-stream"));
+    return;
+  }
+  const auto use = std::make_shared<StreamUse>(stream);
+  TouchAccess(*stream, EventLoop::Clock::now());
+  switch (stream->kind) {
+    case StreamKind::kFile:
+      File(exchange, use);
+      return;
+    case StreamKind::kHls:
+    case StreamKind::kSmooth:
+      if (request.HasQuery("fragment_id")) {
+        Fragment(exchange, use, UnquotedQuery(request, "fragment_id"));
+      } else {
+        Playlist(exchange, use);
+      }
+      return;
+    case StreamKind::kWebm:
+    case StreamKind::kHttp:
+      Bytes(exchange, use);
+      return;
+  }
+}
+
+void PlayApi::ForgetEnded(const std::string& id, const Answer& answer) {
+  if (answer.kind == Answer::Kind::kRefused && answer.word == "stream-ended") {
+    context_.streams.Remove(id);
+  }
+}
+
+void PlayApi::Playlist(const ExchangePtr& exchange, const Use& use) {
+  Stream& stream = **use;
+  const std::string type = exchange->request().Query("playlist_type");
+  const std::string subtitle = UnquotedQuery(exchange->request(), "subtitle_id");
+  const std::string key = "playlist " + type + " " + subtitle;
+  if (const auto known = stream.paths.find(key); known != stream.paths.end()) {
+    if (auto response = TextOf(stream, known->second)) {
+      exchange->Reply(std::move(*response));
+      return;
+    }
+  }
+  Json::Value arguments(Json::objectValue);
+  arguments["stream_id"] = stream.id;
+  arguments["kind"] = KindWord(stream.kind);
+  arguments["type"] = type;
+  arguments["subtitle_id"] = subtitle;
+  context_.CallFor(exchange, "playlist", std::move(arguments),
+                   [exchange, use, key](const Answer& answer) {
+                     const std::string path = answer.value["path"].asString();
+                     auto response = TextOf(**use, path);
+                     if (response == nullptr) {
+                       exchange->Reply(Refusal("stream-ended"));
+                       return;
+                     }
+                     (*use)->paths[key] = path;
+                     exchange->Reply(std::move(*response));
+                   });
+}
+
+void PlayApi::Fragment(const ExchangePtr& exchange, const Use& use, const std::string& id) {
+  Stream& stream = **use;
+  if (const auto known = stream.paths.find(id); known != stream.paths.end()) {
+    if (auto response = WholeFragment(stream, OpenPlain(known->second))) {
+      exchange->Reply(std::move(*response));
+      return;
+    }
+    stream.paths.erase(known);
+  }
+  if (!context_.rate.Take(exchange->request().client, EventLoop::Clock::now())) {
+    exchange->Reply(Refusal("too-many-requests"));
+    return;
+  }
+  AskForFragment(std::make_shared<FragmentRequest>(
+      FragmentRequest{exchange, use, id, EventLoop::Clock::now()}));
+}
+
+void PlayApi::AskForFragment(std::shared_ptr<FragmentRequest> wanted) {
+  ++wanted->attempts;
+  Stream& stream = **wanted->use;
+  Json::Value arguments(Json::objectValue);
+  arguments["stream_id"] = stream.id;
+  arguments["kind"] = KindWord(stream.kind);
+  arguments["fragment"] = wanted->id;
+  context_.pool.Submit("fragment", std::move(arguments), [this, wanted](Answer answer) {
+    Stream& stream = **wanted->use;
+    if (answer.kind == Answer::Kind::kDone) {
+      wanted->restarted = wanted->restarted || answer.value["restarted"].asBool();
+      if (auto response = WholeFragment(stream, std::move(answer.descriptor))) {
+        stream.paths[wanted->id] = answer.value["path"].asString();
+        RecordWait(context_.metrics, stream, SecondsSince(wanted->begin), wanted->restarted);
+        wanted->exchange->Reply(std::move(*response));
+        return;
+      }
+    }
+    // A worker that was lost took nothing with it: the engine is asked again.
+    const bool again = answer.kind == Answer::Kind::kDone || answer.kind == Answer::Kind::kLost;
+    LogTrouble("fragment " + wanted->id, answer);
+    if (again && wanted->attempts < kMostAttempts) {
+      AskForFragment(wanted);
+      return;
+    }
+    ForgetEnded(stream.id, answer);
+    wanted->exchange->Reply(again ? Refusal("superseded") : RefusalOf(answer));
+  });
+}
+
+void PlayApi::File(const ExchangePtr& exchange, const Use& use) {
+  exchange->Reply(FileResponse(context_.library, (*use)->video));
+}
+
+}  // namespace tarnbackend
