@@ -100,7 +100,15 @@ std::vector<std::string> OwnCommandLine() {
   throw Failure{Exit::kFailure, through[0] + ": " + std::strerror(errno), ""};
 }
 
+void CheckFolders(const std::vector<std::string>& folders) {
+  for (const std::string& folder : folders) {
+    if (access(folder.c_str(), R_OK) == 0) continue;
+    throw Failure{Exit::kFile, Printable(folder) + ": " + std::strerror(errno), ""};
+  }
+}
+
 Exit Serve(ServeOptions options) {
+  CheckFolders(options.backend.folders);
   try {
     UniqueFd listening(TakeInherited());
     if (!listening.valid()) {

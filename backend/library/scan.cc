@@ -34,8 +34,13 @@ std::string Join(const std::string& folder, const std::string& name) {
 Scan::Scan(const std::vector<std::string>& roots, size_t most_files) : most_files_(most_files) {
   for (const std::string& root : roots) {
     const std::string real = RealPath(root);
-    if (real.empty()) {
+    struct stat status {};
+    if (real.empty() || stat(real.c_str(), &status) != 0) {
       problems_.push_back(ShownText(root) + ": " + std::strerror(errno));
+    } else if (S_ISREG(status.st_mode)) {
+      // Its folder is no root: nothing else in it is served.
+      const size_t slash = real.rfind('/');
+      AddFile({slash == 0 ? "/" : real.substr(0, slash), real.substr(slash + 1)}, false);
     } else {
       roots_.push_back(real);
     }

@@ -35,7 +35,8 @@ class Scan {
  public:
   static constexpr size_t kMostFiles = 100'000;
 
-  // `roots` are folders; one that cannot be read is passed over, and named in problems().
+  // `roots` are folders, and single files, whatever they are called; one that cannot be read is
+  // passed over, and named in problems().
   explicit Scan(const std::vector<std::string>& roots, size_t most_files = kMostFiles);
 
   // Looks at up to `entries` names more. True when everything was looked at.

@@ -48,6 +48,16 @@ TEST(Scan, TakesVideosByTheirEndings) {
   EXPECT_THAT(ScanAll({"/tmp/v"}), ElementsAre("/tmp/v/a/deep/er/c.mp4", "/tmp/v/b.MKV"));
 }
 
+TEST(Scan, TakesASingleFileAndNothingBesideIt) {
+  WriteText("/tmp/v/one.bin", "x");
+  WriteText("/tmp/v/two.mkv", "x");
+  WriteText("/tmp/w/three.mkv", "x");
+  fs::create_symlink("/tmp/v/two.mkv", "/tmp/w/link.mkv");
+  EXPECT_THAT(ScanAll({"/tmp/v/one.bin"}), ElementsAre("/tmp/v/one.bin"));
+  EXPECT_THAT(ScanAll({"/tmp/v/one.bin", "/tmp/w"}),
+              ElementsAre("/tmp/v/one.bin", "/tmp/w/three.mkv"));
+}
+
 TEST(Scan, FollowsLinksThatStayInside) {
   WriteText("/tmp/v/films/a.mkv", "x");
   WriteText("/tmp/w/b.mkv", "x");

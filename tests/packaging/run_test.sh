@@ -123,24 +123,40 @@ equal 'the exit status of a command that writes a folder' 5 \
 check 'whose folder goes' test ! -e folder
 echo 0 >"$checkout/status"
 
-run 'a film.mkv' >out
-equal 'a film alone is made into a stream' \
-  "tarnvte stream $work/films/a_film.mkv --kind HLS -o $checkout/build/play/a_film" \
-  "$(command_line | sed "s|check_out|check out|")"
-equal 'in the build folder' "$checkout/build/play/a film" "$(cat "$checkout/writable")"
-equal 'and its playlist is named' "$checkout/build/play/a film/index.m3u8" "$(tail -n 1 out)"
-run -film.mkv >out
-equal 'whatever its name' "$checkout/build/play/-film/index.m3u8" "$(tail -n 1 out)"
-run >out
-equal 'without a name the sample is' "$checkout/build/play/sample/index.m3u8" "$(tail -n 1 out)"
+# What is served is served by the command itself, which goes through the sandbox with its socket.
+cat >"$tarnvte" <<'STUB'
+#!/usr/bin/env bash
+printf '%s\n' "$@" >"$(dirname "$0")/../../../served"
+pwd >"$(dirname "$0")/../../../folder"
+exit "$(cat "$(dirname "$0")/../../../status")"
+STUB
+chmod +x "$tarnvte"
+served() { grep -v -e '^--through=' "$checkout/served" | sed 's/ /_/g' | xargs; }
+through() { sed -n 's/^--through=//p' "$checkout/served"; }
+run 'a film.mkv'
+equal 'a film alone is served' 'serve -- a_film.mkv' "$(served)"
+equal 'through the sandbox' "$build/sandbox" "$(through | head -n 1)"
+check 'which shows the film' grep -q -x -F "$work/films/a film.mkv" <(through)
+check 'and has a volume' grep -q -x -F -e --volume <(through)
+equal 'in the folder of the caller' "$work/films" "$(cat "$checkout/folder")"
+run sub film.mkv -film.mkv
+equal 'folders and films are' 'serve -- sub film.mkv -film.mkv' "$(served)"
+mkdir -p "$checkout/build/sample library"
+run
+equal 'without a name the sample library is' "serve -- $checkout/build/sample_library" \
+  "$(served | sed 's|check_out|check out|')"
+run tarnvte serve --listen 127.0.0.1:0 sub
+equal 'its options are the caller'"'"'s' 'serve --listen 127.0.0.1:0 sub' "$(served)"
+echo 5 >"$checkout/status"
+equal 'the exit status is the server'"'"'s' 5 "$(status run sub)"
+echo 0 >"$checkout/status"
 run tarn-ffmpeg -i film.mkv -output_ts_offset 3 >out
 equal 'a transcoder by its name, with its own options' \
   "$(printf '%s\n' "$build/transcoder/tarn-ffmpeg" -i film.mkv -output_ts_offset 3)" \
   "$(cat "$checkout/command")"
 equal 'a program that does not exist' 2 "$(status run tarn-nothing)"
-equal 'a folder' 2 "$(status run sub)"
 equal 'a film that does not exist' 3 "$(status run missing.mkv)"
-equal 'two films' 2 "$(status run film.mkv sub/film.mkv)"
-check 'help is help' grep -q 'makes a video file' <(run --help)
+equal 'one of two films that does not exist' 3 "$(status run film.mkv missing.mkv)"
+check 'help is help' grep -q 'serves videos' <(run --help)
 
 exit $((failures > 0))
