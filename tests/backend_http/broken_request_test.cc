@@ -6,6 +6,8 @@
 namespace test {
 namespace {
 
+using std::string_literals::operator""s;
+
 TEST_F(WebTest, BrokenTargetsNeverReachTheHandler) {
   Serve();
   for (const char* target : {"/%", "/%zz", "/a/../b", "/%2e%2e/", "/a%00", "/?a=%0a", "a", "*",
@@ -19,7 +21,7 @@ TEST_F(WebTest, BrokenTargetsNeverReachTheHandler) {
 
 TEST_F(WebTest, ATargetEndsWithItsLineNotWithANul) {
   Serve();
-  EXPECT_EQ(FetchText(std::string("GET /a\0b HTTP/1.1\r\nHost: a\r\n\r\n", 33)).status, 400);
+  EXPECT_EQ(FetchText("GET /a\0b HTTP/1.1\r\nHost: a\r\n\r\n"s).status, 400);
   EXPECT_TRUE(held_.empty());
 }
 
@@ -53,7 +55,7 @@ TEST_F(WebTest, SurvivesRandomBytes) {
       "HEAD http://localhost/good HTTP/1.0\r\nCookie: a=b; c\r\nIf-None-Match: \"a\", "
       "W/\"b\"\r\n\r\n",
   };
-  const std::string odd("\0\r\n %/?&=:;,\"\x7f\xff 0123456789abcdefgh", 34);
+  const std::string odd = "\0\r\n %/?&=:;,\"\x7f\xff 0123456789abcdefgh"s;
   std::mt19937 random(20'260'722);
   const auto below = [&random](size_t limit) { return random() % limit; };
   constexpr int kRounds = 150, kAtOnce = 20;
