@@ -22,17 +22,21 @@ namespace {
 // would notice only in the transcoder, whose output is empty then.
 template <typename Stream>
 bool MakeRoom(const Stream& stream) {
-  constexpr int kLooks = 50;
-  constexpr int kLookMs = 200;
-  const bool ran = stream.IsFFmpegRun();
-  if (ran) stream.SaveMonitorPid(0, true);
-  for (int look = 0; !stream.is_remux; ++look) {
-    if (tarnclient::RegistryView().Kind(stream.is_hardware)["room"].asBool()) return true;
-    // On a machine with much to do it may end later than it is waited for.
-    if (!ran || look == kLooks) return false;
+  constexpr int kLooks = 100;
+  constexpr int kLookMs = 100;
+  constexpr int kLooksForSignal = 5;
+  bool runs = stream.IsFFmpegRun();
+  const int most = runs ? kLooks : 0;
+  for (int look = 0;; ++look) {
+    // A transcoder that was asked to end writes what it has, maybe to somebody who keeps the pipe
+    // and reads no more. It is asked until it gives that up.
+    if (runs && look % kLooksForSignal == 0) stream.SaveMonitorPid(0, false);
+    if (!runs && stream.is_remux) return true;
+    if (!runs && tarnclient::RegistryView().Kind(stream.is_hardware)["room"].asBool()) return true;
+    if (look == most) return stream.is_remux;
     poll(nullptr, 0, kLookMs);
+    runs = stream.IsFFmpegRun();
   }
-  return true;
 }
 
 template <typename Stream>
