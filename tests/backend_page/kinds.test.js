@@ -1,7 +1,7 @@
 // One kind of stream (environment: KIND, PROFILE): it plays, and ten seeks land where they should.
 import assert from 'node:assert/strict';
 import {after, before, test} from 'node:test';
-import {PATIENCE, Server, View, launch, random} from './support.js';
+import {PATIENCE, Server, View, launch, random, until} from './support.js';
 
 const KIND = process.env.KIND;
 const PROFILE = process.env.PROFILE || 'auto';
@@ -65,6 +65,6 @@ test('nothing went wrong in the page, and nothing runs on behind it', {timeout: 
   await view.page.goBack();
   await view.page.waitForSelector('.library');
   await server.idle();
-  assert.deepEqual((await server.get('/streams')).streams, []);
+  await until(() => server.get('/streams'), ({streams}) => streams.length === 0);
   await view.close();
 });

@@ -44,6 +44,9 @@ async function hears(page, hertz) {
 }
 
 const pick = async (page, button, ...items) => {
+  // The controls are there for a hand that moves.
+  await page.mouse.move(300, 300);
+  await page.mouse.move(320, 300);
   await page.click(`button[aria-label^="${button}"]`);
   for (const item of items) await page.click(`.menu:not([hidden]) .menu-item:has-text("${item}")`);
 };
@@ -80,7 +83,7 @@ for (const kind of ['file', 'hls', 'webm', 'smooth']) {
     await view.page.evaluate((wanted) => tarnvte.change({kind: wanted}), kind);
     await view.wait((wanted) => tarnvte.stream?.kind === wanted, kind);
     await view.playing();
-    await pick(view.page, 'Subtitles', 'English');
+    await pick(view.page, 'Subtitles', 'coded.en');
     await view.page.evaluate(() => tarnvte.seek(32));
     await view.wait(() => document.querySelector('.captions').textContent === 'Line 3');
     const at = await view.page.evaluate(() => tarnvte.time);

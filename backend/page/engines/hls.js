@@ -77,31 +77,31 @@ export class HlsEngine extends Engine {
 
   /**
    * Loads a subtitle of the stream, or none.
-   * @param {?{id: string}} subtitle
+   * @param {?{id: string, name: string}} subtitle
    */
   chooseSubtitle(subtitle) {
-    this.cues.clear();
     this.wanted = subtitle;
     this.select();
   }
 
+  // Also without a wish: hls.js would take the playlist's default by itself.
   select() {
     const {hls, wanted} = this;
-    const index = wanted
-      ? hls.subtitleTracks.findIndex(({url}) => subtitleOf(url) === String(wanted.id)) : -1;
-    if (hls.subtitleTrack === index) return;
-    hls.subtitleTrack = index;
+    hls.subtitleTrack = wanted ? hls.subtitleTracks.findIndex(({url}) => isSubtitleAt(url, wanted)) : -1;
   }
 
-  // Cues come in pieces, and again where a piece is loaded again.
+  // Cues come in pieces, once for each track, and some in two pieces.
   collect({cues, subtitleTrack}) {
-    if (!this.wanted || subtitleOf(subtitleTrack?.url ?? '') !== String(this.wanted.id)) return;
-    for (const cue of cues) this.cues.set(`${cue.startTime} ${cue.endTime} ${cue.text}`, cue);
+    const {url} = subtitleTrack ?? {};
+    if (!this.cues.has(url)) this.cues.set(url, new Map());
+    const known = this.cues.get(url);
+    for (const cue of cues) known.set(`${cue.startTime} ${cue.endTime} ${cue.text}`, cue);
   }
 
-  /** @returns {Iterable<VTTCue>} what is loaded of the chosen subtitle */
-  cuesOf() {
-    return this.cues.values();
+  /** @param {{id: string, name: string}} subtitle @returns {Iterable<VTTCue>} what is loaded of it */
+  cuesOf(subtitle) {
+    const track = this.hls.subtitleTracks.find(({url}) => isSubtitleAt(url, subtitle));
+    return this.cues.get(track?.url)?.values() ?? [];
   }
 
   destroy() {
@@ -111,7 +111,15 @@ export class HlsEngine extends Engine {
   }
 }
 
-function subtitleOf(url) {
-  const id = new URL(url, location.href).searchParams.get('subtitle_id');
-  return id?.replaceAll('"', '') ?? null;
+/**
+ * Whether a playlist's address is that of a subtitle. Pure.
+ * @param {string} address as the playlist has it: a track goes by its number there, a file by its path
+ * @param {{id: string, name: string}} subtitle as the API has it
+ * @returns {boolean}
+ */
+export function isSubtitleAt(address, subtitle) {
+  const query = new URL(address, 'http://localhost/').searchParams;
+  const id = query.get('subtitle_id')?.replace(/^"(.*)"$/, '$1');
+  if (!id) return false;
+  return id === subtitle.id || `t${id}` === subtitle.id || id.endsWith(`/${subtitle.name}`);
 }

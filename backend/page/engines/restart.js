@@ -2,6 +2,8 @@
 import {Engine} from './engine.js';
 
 const LEAST = 0.5;
+// Between streams of sound and picture there may be this much, seconds.
+const GAP = 0.3;
 
 /**
  * What to add to an element's time to get the film's. Streams begin either at the film's second or
@@ -39,7 +41,9 @@ export class RestartEngine extends Engine {
   constructor(setting) {
     super(setting);
     this.known = false;
-    this.listen('loadeddata', () => this.findOffset());
+    for (const event of ['loadeddata', 'progress', 'timeupdate']) {
+      this.listen(event, () => this.video.readyState >= 2 && this.findOffset());
+    }
     this.open(this.at);
   }
 
@@ -54,12 +58,15 @@ export class RestartEngine extends Engine {
     if (this.wantsPlay()) this.video.play().catch(() => {});
   }
 
+  // The stream's clock is known from what is there of it first. Some begin to count from 0 although
+  // the first picture is of a later second, and would wait in silence until they come to it.
   findOffset() {
-    if (this.known) return;
-    const {buffered} = this.video;
-    const begin = buffered.length > 0 ? buffered.start(0) : this.video.currentTime;
+    const {video} = this;
+    if (this.known || video.buffered.length === 0) return;
+    const begin = video.buffered.start(0);
     this.known = true;
     this.offset = clockOffset(begin, this.at);
+    if (begin - video.currentTime > GAP) video.currentTime = begin;
   }
 
   filmTime(mediaTime) {
@@ -67,7 +74,7 @@ export class RestartEngine extends Engine {
   }
 
   time() {
-    return this.known ? this.video.currentTime + this.offset : this.at;
+    return this.known && !this.video.seeking ? this.video.currentTime + this.offset : this.at;
   }
 
   seek(second) {

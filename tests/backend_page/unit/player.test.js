@@ -3,6 +3,7 @@ import {test} from 'node:test';
 import {audioEntries, checkedLabel, kindEntries, nextRate, qualityEntries, rateEntries, subtitleEntries} from '../../../backend/page/choices.js';
 import {cuesAt} from '../../../backend/page/captions.js';
 import {engineFor} from '../../../backend/page/engines/choose.js';
+import {isSubtitleAt} from '../../../backend/page/engines/hls.js';
 import {clockOffset, startSecond, startUrl} from '../../../backend/page/engines/restart.js';
 import {HELP, keyAction} from '../../../backend/page/keys.js';
 import {answersSeek} from '../../../backend/page/measure.js';
@@ -121,6 +122,17 @@ test('the cues of a second', () => {
   assert.deepEqual(cuesAt(cues, 5.5), [cues[1], cues[0]]);
   assert.deepEqual(cuesAt(cues, 6), [cues[0]]);
   assert.deepEqual(cuesAt(cues, 21), []);
+});
+
+test('a playlist’s subtitle is the one that was chosen', () => {
+  const at = (id) => `/api/v1/play?format=hls&id=x&subtitle_id=${encodeURIComponent(id)}&playlist_type=subtitle`;
+  assert.equal(isSubtitleAt(at('3'), {id: 't3', name: 'Track 3'}), true);
+  assert.equal(isSubtitleAt(at('"3"'), {id: 't3', name: 'Track 3'}), true);
+  assert.equal(isSubtitleAt(at('3'), {id: 't13', name: '3'}), false);
+  assert.equal(isSubtitleAt(at('/films/a b & c.srt'), {id: 'f0', name: 'a b & c.srt'}), true);
+  assert.equal(isSubtitleAt(at('/films/other a.srt'), {id: 'f0', name: 'a.srt'}), false);
+  assert.equal(isSubtitleAt('/api/v1/play?format=hls', {id: 'f0', name: ''}), false);
+  assert.equal(isSubtitleAt('', {id: 'f0', name: ''}), false);
 });
 
 test('a request for a stream', () => {
