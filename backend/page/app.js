@@ -127,6 +127,7 @@ Object.defineProperty(window, 'tarnvte', {value: {
   get film() { return player?.film ?? null; },
   get time() { return player?.session.time() ?? null; },
   get duration() { return player?.session.duration ?? null; },
+  filmTime(mediaTime) { return player?.session.engine?.filmTime(mediaTime) ?? mediaTime; },
   seek(second) { player?.goTo(second); },
   change(changes) { return player?.change(changes); },
 }});
