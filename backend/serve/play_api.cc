@@ -124,17 +124,19 @@ void PlayApi::Playlist(const ExchangePtr& exchange, const Use& use) {
   arguments["kind"] = KindWord(stream.kind);
   arguments["type"] = type;
   arguments["subtitle_id"] = subtitle;
-  context_.CallFor(exchange, "playlist", std::move(arguments),
-                   [exchange, use, key](const Answer& answer) {
-                     const std::string path = answer.value["path"].asString();
-                     auto response = TextOf(**use, path);
-                     if (response == nullptr) {
-                       exchange->Reply(Refusal("stream-ended"));
-                       return;
-                     }
-                     (*use)->paths[key] = path;
-                     exchange->Reply(std::move(*response));
-                   });
+  context_.CallFor(
+      exchange, "playlist", std::move(arguments),
+      [exchange, use, key](const Answer& answer) {
+        const std::string path = answer.value["path"].asString();
+        auto response = TextOf(**use, path);
+        if (response == nullptr) {
+          exchange->Reply(Refusal("stream-ended"));
+          return;
+        }
+        (*use)->paths[key] = path;
+        exchange->Reply(std::move(*response));
+      },
+      [this, id = stream.id](const Answer& answer) { ForgetEnded(id, answer); });
 }
 
 void PlayApi::Fragment(const ExchangePtr& exchange, const Use& use, const std::string& id) {

@@ -117,13 +117,15 @@ void PlayApi::Bytes(const ExchangePtr& exchange, const Use& use) {
   } else {
     arguments["start"] = Json::UInt64(*second);
   }
-  context_.CallFor(exchange, "bytes", std::move(arguments),
-                   [this, exchange, use, range, begin = EventLoop::Clock::now()](Answer answer) {
-                     const auto wanted = std::make_shared<ByteRequest>(
-                         context_, exchange, use, std::move(answer.descriptor), range);
-                     wanted->begin = begin;
-                     wanted->Begin();
-                   });
+  context_.CallFor(
+      exchange, "bytes", std::move(arguments),
+      [this, exchange, use, range, begin = EventLoop::Clock::now()](Answer answer) {
+        const auto wanted = std::make_shared<ByteRequest>(context_, exchange, use,
+                                                          std::move(answer.descriptor), range);
+        wanted->begin = begin;
+        wanted->Begin();
+      },
+      [this, id = stream.id](const Answer& answer) { ForgetEnded(id, answer); });
 }
 
 }  // namespace tarnbackend
