@@ -53,8 +53,8 @@ void EventLoop::Cancel(TimerId timer) {
 
 int EventLoop::MillisecondsToNextTimer() const {
   if (timers_.empty()) return -1;
-  const auto wait = std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first.first -
-                                                                 Clock::now());
+  const auto wait =
+      std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first.first - Clock::now());
   return static_cast<int>(std::clamp<int64_t>(wait.count(), 0, INT_MAX));
 }
 
