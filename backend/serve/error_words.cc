@@ -1,6 +1,7 @@
 #include "backend/serve/error_words.h"
 
 #include <string_view>
+#include <utility>
 
 namespace tarnbackend {
 namespace {
@@ -50,17 +51,23 @@ constexpr Row kRows[] = {
     {"superseded", 503, "Another position was asked for meanwhile."},
     {"stopping", 503, "The server is being stopped."},
     {"late", 504, "The server did not get it done in time."},
-    // Of a subtitle's conversion.
-    {"bad-window", 400, "The times of the subtitle piece are wrong."},
-    {"unknown-code-page", 400, "There is no such character set."},
-    {"not-readable", 404, "The subtitle cannot be read."},
-    {"bad-subtitle-id", 404, "The video has no such subtitle."},
-    {"no-such-track", 404, "The video has no such subtitle."},
-    {"bad-format", 409, "The subtitle is damaged."},
-    {"out-of-memory", 503, "The server has no memory left for this."},
+};
+
+// The words of a subtitle's conversion, which clients know by more general ones.
+constexpr std::pair<std::string_view, std::string_view> kConversionWords[] = {
+    {"bad-window", "bad-request"},
+    {"unknown-code-page", "bad-request"},
+    {"not-readable", "no-such-subtitle"},
+    {"bad-subtitle-id", "no-such-subtitle"},
+    {"no-such-track", "no-such-subtitle"},
+    {"bad-format", "not-playable"},
+    {"out-of-memory", "busy"},
 };
 
 const Row& Find(std::string_view word) {
+  for (const auto& [own, general] : kConversionWords) {
+    if (own == word) return Find(general);
+  }
   for (const Row& row : kRows) {
     if (row.word == word) return row;
   }
@@ -74,7 +81,7 @@ http::Response Refusal(const std::string& word) {
   http::Response response =
       http::ErrorResponse(row.status, std::string(row.word), std::string(row.message));
   if (row.status == 503 || row.status == 429) {
-    response.headers.emplace_back("Retry-After", word == "superseded" ? "1" : "5");
+    response.headers.emplace_back("Retry-After", row.word == "superseded" ? "1" : "5");
   }
   return response;
 }

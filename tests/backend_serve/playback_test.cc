@@ -210,6 +210,20 @@ TEST(Playback, WhatCannotBePlayedIsExplained) {
             400);
 }
 
+TEST(Playback, AStreamWhoseWorkingDirectoryIsGoneHasEnded) {
+  const Served server(LibraryOf({"clip.mkv"}));
+  const Json::Value stream = server.Open(Request(server, "clip", kEncodedHls));
+  for (const auto& entry : std::filesystem::directory_iterator("/tmp/Reelbay/HLS")) {
+    std::filesystem::remove_all(std::filesystem::canonical(entry.path()));
+    std::filesystem::remove(entry.path());
+  }
+  const std::string fragment = stream["url"].asString() + "&fragment_id=00000";
+  const Reply reply = server.Get(fragment);
+  EXPECT_EQ(reply.status, 410) << reply.body;
+  EXPECT_EQ(reply.Json()["error"], "stream-ended");
+  EXPECT_EQ(server.Get(fragment).Json()["error"], "no-such-stream");
+}
+
 TEST(Playback, FragmentsThatAreNone) {
   const Served server(LibraryOf({"clip.mkv"}));
   const Json::Value stream = server.Open(Request(server, "clip", kEncodedHls));
