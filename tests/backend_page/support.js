@@ -25,6 +25,9 @@ export class Server {
     server.process.stderr.on('data', (data) => {
       server.log += data;
     });
+    server.process.on('exit', (status, signal) => {
+      server.log += `\nthe server ended: ${signal ?? status}\n`;
+    });
     const lines = readline.createInterface({input: server.process.stdout});
     const [first] = await Promise.race([once(lines, 'line'),
       once(server.process, 'exit').then(() => Promise.reject(new Error(`no server: ${server.log}`)))]);
@@ -34,8 +37,12 @@ export class Server {
 
   /** @param {string} path below /api/v1 @returns {Promise<object>} */
   async get(path) {
-    const response = await fetch(`${this.address}/api/v1${path}`);
-    return response.json();
+    try {
+      const response = await fetch(`${this.address}/api/v1${path}`);
+      return await response.json();
+    } catch (error) {
+      throw new Error(`${path}: ${error}\n${this.log}`);
+    }
   }
 
   /** Waits until every file was looked at. @returns {Promise<object[]>} the videos */
@@ -58,8 +65,10 @@ export class Server {
   }
 
   async stop() {
-    this.process.kill('SIGTERM');
-    if (this.process.exitCode === null && this.process.signalCode === null) await once(this.process, 'exit');
+    const {process: served} = this;
+    if (served.exitCode !== null || served.signalCode !== null) return;
+    served.kill('SIGTERM');
+    await once(served, 'exit');
   }
 }
 
