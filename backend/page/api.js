@@ -96,3 +96,24 @@ export function closeStream(id) {
     fetch(path, {method: 'POST', keepalive: true}).catch(() => {});
   }
 }
+
+/**
+ * What the server says about an address that could not be loaded.
+ * @param {string} url
+ * @returns {Promise<?ApiError>} null where it says nothing
+ */
+export async function explainUrl(url) {
+  if (!/^(https?:|\/)/.test(url)) return null;
+  const stop = new AbortController();
+  try {
+    const response = await fetch(url, {signal: stop.signal});
+    if (response.ok) return null;
+    const body = await response.json();
+    return new ApiError(response.status, body.error, body.message,
+      retrySeconds(response.headers.get('Retry-After')));
+  } catch (error) {
+    return error instanceof TypeError ? new ApiError(0, 'unreachable', error.message) : null;
+  } finally {
+    stop.abort();
+  }
+}

@@ -1,5 +1,5 @@
 // One film being watched: its stream, the engine that plays it, and what happens when either fails.
-import {ApiError, closeStream, getStream, openStream} from './api.js';
+import {ApiError, closeStream, explainUrl, getStream, openStream} from './api.js';
 import {makeEngine} from './engines/choose.js';
 import {wishFor} from './prepare.js';
 import {afterRefusal, afterTrouble} from './recovery.js';
@@ -9,6 +9,9 @@ import {explain} from './words.js';
 const POLL_MS = 20000;
 const WATCHED_POLL_MS = 2000;
 const STEADY_MS = 60000;
+// A transcoder that one's own last seek replaced ends within this time, mostly.
+const FIRST_WAIT = 1;
+const WAITED_MS = 20000;
 
 /**
  * Events: "state" (opening, open, failed), "switch" (the picture is about to go), "stream" (another
@@ -33,6 +36,7 @@ export class Session extends EventTarget {
     this.failure = null;
     this.turn = 0;
     this.reopenedAt = -Infinity;
+    this.waitedAt = -Infinity;
     this.watched = false;
     this.at = 0;
   }
@@ -141,8 +145,10 @@ export class Session extends EventTarget {
     const {stream} = this;
     const found = url ? await explainUrl(url) : null;
     if (stream !== this.stream) return;
-    const error = found ?? new ApiError(0, word, message);
     const reopened = performance.now() - this.reopenedAt < STEADY_MS;
+    // What can be loaded by now was refused a moment ago; the element calls that undecodable, too.
+    const again = stream.seek === 'restart' && url && !reopened;
+    const error = found ?? new ApiError(0, again ? 'stalled' : word, message);
     const at = this.time();
     switch (afterTrouble(error, {reopened, kind: this.stream.kind, chosen: this.choice.kind})) {
       case 'convert':
@@ -166,7 +172,11 @@ export class Session extends EventTarget {
   fail(error) {
     const {text, retry} = explain(error);
     this.failure = {text, retry, word: error.word, seconds: 0};
-    if (retry === 'soon') this.countDown(error.retryAfter ?? 5);
+    if (retry === 'soon') {
+      const first = performance.now() - this.waitedAt > WAITED_MS;
+      this.waitedAt = performance.now();
+      this.countDown(first ? FIRST_WAIT : error.retryAfter ?? 5);
+    }
     this.setState('failed');
   }
 
@@ -271,22 +281,5 @@ export class Session extends EventTarget {
 
   emit(name, detail) {
     this.dispatchEvent(new CustomEvent(name, {detail}));
-  }
-}
-
-// What the server says about an address that could not be loaded; null where it says nothing.
-async function explainUrl(url) {
-  if (!/^(https?:|\/)/.test(url)) return null;
-  const stop = new AbortController();
-  try {
-    const response = await fetch(url, {signal: stop.signal});
-    if (response.ok) return null;
-    const body = await response.json();
-    return new ApiError(response.status, body.error, body.message,
-      Number(response.headers.get('Retry-After')) || 5);
-  } catch (error) {
-    return error instanceof TypeError ? new ApiError(0, 'unreachable', error.message) : null;
-  } finally {
-    stop.abort();
   }
 }
