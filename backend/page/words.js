@@ -12,9 +12,6 @@ export const WORDS = Object.freeze({
   'not-decodable': {text: 'The browser could not decode this stream. Another kind of stream may play.', retry: 'hand'},
   'stalled': {text: 'The stream broke off and could not be taken up again.', retry: 'hand'},
 
-  // Of a fragment that a later seek overtook.
-  'superseded': {text: 'Another position was asked for meanwhile.', retry: 'soon'},
-
   'bad-request': {text: 'The server did not understand the page. Reload the page: it may be older than the server.', retry: 'no'},
   'token-required': {text: 'This server asks for a token. Open the address that was printed when it started.', retry: 'no'},
   'forbidden': {text: 'The server refuses requests that come from another site’s page.', retry: 'no'},
@@ -42,6 +39,7 @@ export const WORDS = Object.freeze({
   'TransEnableOfflineConverting': {text: 'The machine is busy converting other videos in the background.', retry: 'soon'},
   'TransSapceNotEnough': {text: 'There is not enough free space on the machine to prepare the stream.', retry: 'hand'},
   'busy': {text: 'The server is busy.', retry: 'soon'},
+  'superseded': {text: 'Another position was asked for meanwhile.', retry: 'soon'},
   'stopping': {text: 'The server is being stopped.', retry: 'hand'},
   'late': {text: 'The server took too long over this.', retry: 'hand'},
 });
