@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <string_view>
 
+#include "backend/serve/folder_entries.h"
+
 namespace tarnbackend {
 namespace {
 
@@ -30,11 +32,10 @@ std::optional<uint64_t> NumberIn(std::string_view name, std::string_view before,
 
 void AddFinished(const fs::path& folder, std::string_view before, std::string_view behind,
                  uint64_t unit, std::vector<MadeFragment>& made) {
-  std::error_code error;
-  for (const auto& entry : fs::directory_iterator(folder, error)) {
-    const auto number = NumberIn(entry.path().filename().native(), before, behind);
+  for (const fs::path& path : EntriesOf(folder)) {
+    const auto number = NumberIn(path.filename().native(), before, behind);
     struct stat status {};
-    if (!number || lstat(entry.path().c_str(), &status) != 0) continue;
+    if (!number || lstat(path.c_str(), &status) != 0) continue;
     // A fragment cannot be read until it is whole.
     if (!S_ISREG(status.st_mode) || (status.st_mode & S_IRUSR) == 0) continue;
     made.push_back({*number / unit, static_cast<double>(status.st_mtim.tv_sec) +
@@ -66,9 +67,8 @@ std::vector<MadeFragment> FindSegments(const std::string& directory) {
 
 std::vector<MadeFragment> FindFragments(const std::string& directory) {
   std::vector<MadeFragment> made;
-  std::error_code error;
-  for (const auto& level : fs::directory_iterator(directory + "/smooth", error)) {
-    AddFinished(level.path(), "Fragments(video=", ")", kGridTicks, made);
+  for (const fs::path& level : EntriesOf(directory + "/smooth")) {
+    AddFinished(level, "Fragments(video=", ")", kGridTicks, made);
   }
   return made;
 }

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "backend/loop/unique_fd.h"
+#include "backend/serve/folder_entries.h"
 #include "backend/serve/stream_table.h"
 
 namespace tarnbackend {
@@ -47,14 +48,13 @@ std::vector<LeftStream> FindLeftStreams(const std::string& root) {
   std::vector<LeftStream> left;
   for (const StreamKind kind :
        {StreamKind::kHls, StreamKind::kSmooth, StreamKind::kWebm, StreamKind::kHttp}) {
-    std::error_code error;
-    for (const auto& entry : fs::directory_iterator(root + "/" + KindWord(kind), error)) {
-      std::ifstream file(entry.path() / kMark);
+    for (const fs::path& directory : EntriesOf(root + "/" + KindWord(kind))) {
+      std::ifstream file(directory / kMark);
       std::string mark;
       if (!std::getline(file, mark)) continue;
       const std::string pid = mark.substr(0, mark.find(' '));
       if (pid.empty() || pid.find_first_not_of("0123456789") != std::string::npos) continue;
-      if (NameProcess(pid) != mark) left.push_back({KindWord(kind), entry.path().filename()});
+      if (NameProcess(pid) != mark) left.push_back({KindWord(kind), directory.filename()});
     }
   }
   return left;
