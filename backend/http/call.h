@@ -34,6 +34,8 @@ class Call {
   MHD_Result Step(const char* method, const char* version, const char* upload, size_t* size);
   // The whole answer was sent.
   void SetComplete() { complete_ = true; }
+  // Of a request that has not come whole yet.
+  bool IsBeingRead() const { return !called_ && status_ == 0; }
   bool SendsFile() const { return file_ >= 0; }
   // The file that is being sent has become too short.
   bool FileLostItsEnd() const;

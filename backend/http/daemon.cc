@@ -220,7 +220,7 @@ void Daemon::Drain(std::function<void()> drained) {
     draining_ = true;
     UniqueFd listening(MHD_quiesce_daemon(daemon_));
     for (const auto& [peer, owned] : peers_) {
-      if (peer->call == nullptr) ShutInput(*peer);
+      if (peer->call == nullptr || peer->call->IsBeingRead()) ShutInput(*peer);
     }
     RunSoon();
   }

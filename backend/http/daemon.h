@@ -60,7 +60,7 @@ class Daemon {
   void SetTimer();
   void Opened(MHD_Connection* connection, Peer*& peer);
   void Closed(Peer* peer);
-  // Ends a connection that waits for a request which will not come any more.
+  // Ends a connection that waits for a request, or its rest: what the kernel has is still read.
   static void ShutInput(Peer& peer);
   void TellDrainedSoon();
 

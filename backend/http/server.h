@@ -135,8 +135,8 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // No connection is accepted any more, and each ends with its answer; `drained` is called once,
-  // when none is left. It may end the server.
+  // No connection is accepted any more, and each ends with its answer, or at once where no whole
+  // request has come; `drained` is called once, when none is left. It may end the server.
   void Drain(std::function<void()> drained);
   Counters counters() const;
 

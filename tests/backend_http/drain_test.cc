@@ -38,6 +38,23 @@ TEST_F(DrainTest, ClosesConnectionsThatAskNothing) {
   EXPECT_TRUE(Run([&] { return kept.ended && silent.ended; }));
 }
 
+TEST_F(DrainTest, DoesNotWaitForTheRestOfARequest) {
+  Options options;
+  options.idle_seconds = 0;
+  Serve(options);
+  RouteText("/", "text");
+  Connect().Send("GET / HTTP/1.1\r\nHost: a");
+  Connect().Send("POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 10\r\n\r\nhalf");
+  WebClient& whole = Connect();
+  whole.Get("/");
+  EXPECT_EQ(Await(whole).body, "text");
+  whole.Send("GET / HT");
+  // The server has read what came before it answers this.
+  EXPECT_EQ(Fetch("/").body, "text");
+  Drain();
+  EXPECT_TRUE(Drained());
+}
+
 TEST_F(DrainTest, WaitsForRequestsThatWait) {
   Serve();
   WebClient& client = Connect();
