@@ -31,6 +31,8 @@ struct CallResult {
   Json::Value value{Json::objectValue};
   std::string bytes;
   UniqueFd descriptor;
+  // Takes back what the call made; called where nobody is left to get the answer. May be empty.
+  std::function<void()> undo;
 };
 
 inline CallResult Refused(std::string word, std::string cause) {

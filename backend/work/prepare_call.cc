@@ -213,7 +213,11 @@ CallResult PrepareCall(const Json::Value& values) {
   }
   Preparing preparing(arguments);
   CallResult result = OpenKind(arguments);
-  if (!result.refused) preparing.Keep();
+  if (result.refused) return result;
+  preparing.Keep();
+  result.undo = [id = arguments.stream_id, kind = arguments.kind] {
+    tarnclient::RemoveStream(id, kind);
+  };
   return result;
 }
 

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -83,15 +84,20 @@ int RunWorker(int channel, const std::vector<Call>& calls) {
   fcntl(channel, F_SETFD, FD_CLOEXEC);
   openlog(kIdent, LOG_PERROR | LOG_PID, LOG_USER);
   std::string network = LeaveNetwork();
+  std::function<void()> undo;  // of the last call
   for (;;) {
     // A change of user, which a call may make, takes the request back. If the server is gone
     // already, the channel has ended.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     Message message;
+    errno = 0;
     switch (ReceiveMessage(channel, message)) {
       case Received::kMessage:
         break;
       case Received::kEnd:
+        // The channel was closed with the last answer still in it.
+        if (errno == ECONNRESET && undo) undo();
+        return 0;
       case Received::kMore:
         return 0;
       case Received::kBad:
@@ -99,7 +105,12 @@ int RunWorker(int channel, const std::vector<Call>& calls) {
         return 1;
     }
     bool throw_away = false;
-    if (!Reply(channel, Run(calls, message.text, throw_away), network)) return 0;
+    CallResult result = Run(calls, message.text, throw_away);
+    undo = std::move(result.undo);
+    if (!Reply(channel, std::move(result), network)) {
+      if (undo) undo();
+      return 0;
+    }
     if (throw_away) _exit(0);
     network.clear();
   }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <system_error>
 #include <utility>
 
@@ -91,7 +92,12 @@ void WorkerPool::State::Log(int priority, const std::string& line) const {
 void WorkerPool::State::Deliver(const Done& done, Answer answer) {
   if (!done) return;
   ++counters_.calls;
-  done(std::move(answer));
+  try {
+    done(std::move(answer));
+  } catch (const std::exception& error) {
+    // An answer that is not what was expected costs its own request.
+    Log(LOG_ERR, std::string("an answer could not be used: ") + error.what());
+  }
 }
 
 void WorkerPool::State::AnswerLater(CallId id, Done done, Answer answer) {

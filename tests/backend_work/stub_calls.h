@@ -13,7 +13,7 @@ inline std::vector<tarnbackend::CallRule> StubRules() {
   constexpr milliseconds kNever{600'000};
   std::vector<tarnbackend::CallRule> rules;
   for (const char* name : {"echo", "crash", "exit", "hang", "garbage", "bytes", "pipe", "close",
-                           "link", "refuse", "throw"}) {
+                           "link", "refuse", "throw", "undo"}) {
     rules.push_back({name, kNever, false, false});
   }
   rules.push_back({"hang-short", milliseconds(50), false, false});

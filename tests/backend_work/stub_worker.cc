@@ -66,6 +66,15 @@ CallResult CloseChannel(const Json::Value&) {
   Hang();
 }
 
+// Leaves a file where nobody gets the answer.
+CallResult Undo(const Json::Value& arguments) {
+  CallResult result;
+  result.undo = [path = arguments["path"].asString()] {
+    const tarnbackend::UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  };
+  return result;
+}
+
 // Where a link of this process's own view leads to.
 CallResult Linked(const Json::Value& arguments) {
   char target[4096];
@@ -83,6 +92,7 @@ CallResult Run(const std::string& name, const Json::Value& arguments) {
   if (name == "garbage") return Garbage(arguments);
   if (name == "bytes") return Bytes(arguments);
   if (name == "pipe") return Pipe(arguments);
+  if (name == "undo") return Undo(arguments);
   if (name == "close") return CloseChannel(arguments);
   if (name == "link") return Linked(arguments);
   if (name == "refuse") return tarnbackend::Refused("no-such-thing", "because");

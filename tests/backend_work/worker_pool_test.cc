@@ -68,6 +68,13 @@ TEST_F(WorkerPoolTest, AnswersWithWhatTheCallSays) {
   EXPECT_EQ(pool_->counters().calls, 2U);
 }
 
+TEST_F(WorkerPoolTest, WhoeverCannotUseAnAnswerEndsNothing) {
+  StartPool(Options());
+  pool_->Submit("echo", With("n", 1), [](Answer answer) { answer.value["n"]["member"].asInt(); });
+  EXPECT_EQ(Ask("echo").kind, Kind::kDone);
+  EXPECT_TRUE(RunUntil([&] { return Logged("an answer could not be used"); }));
+}
+
 TEST_F(WorkerPoolTest, PassesADescriptor) {
   StartPool(Options());
   const Answer answer = Ask("pipe");
