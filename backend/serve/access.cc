@@ -49,11 +49,12 @@ Proof FindProof(const http::Request& request, const std::string& token) {
   return Same(UnquotedQuery(request, "token"), token) ? Proof::kQuery : Proof::kNone;
 }
 
-bool IsForeignPage(const http::Request& request) {
+bool IsForeignPage(const http::Request& request, const std::string& trusted) {
   if (request.method == "GET" || request.method == "HEAD") return false;
+  const std::string origin = request.Header("origin");
+  if (!origin.empty() && origin == trusted) return false;
   const std::string site = request.Header("sec-fetch-site");
   if (!site.empty() && site != "same-origin" && site != "none") return true;
-  const std::string origin = request.Header("origin");
   return !origin.empty() && origin != "http://" + request.Header("host") &&
          origin != "https://" + request.Header("host");
 }

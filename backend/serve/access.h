@@ -20,8 +20,8 @@ enum class Proof { kNone, kHeader, kCookie, kQuery };
 Proof FindProof(const http::Request& request, const std::string& token);
 
 // A request that may change something and was made by another site's page, which its browser says
-// in Origin or Sec-Fetch-Site.
-bool IsForeignPage(const http::Request& request);
+// in Origin or Sec-Fetch-Site. `trusted` is a site whose pages may; empty: none.
+bool IsForeignPage(const http::Request& request, const std::string& trusted);
 
 // The cookie that keeps the token in a browser.
 std::string TokenCookie(const std::string& token);

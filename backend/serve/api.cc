@@ -50,11 +50,11 @@ Api::Api(Context& context, const PageFiles& page, ServerApi::Source source)
 
 bool Api::IsTurnedAway(const ExchangePtr& exchange) const {
   const http::Request& request = exchange->request();
-  if (stopping_) {
+  if (context_.stopping) {
     exchange->Reply(Refusal("stopping"));
     return true;
   }
-  if (IsForeignPage(request)) {
+  if (IsForeignPage(request, context_.cors_origin)) {
     exchange->Reply(Refusal("forbidden"));
     return true;
   }

@@ -20,8 +20,6 @@ class Api {
   Api(Context& context, const PageFiles& page, ServerApi::Source source);
 
   void Handle(const ExchangePtr& exchange);
-  // Every request is refused from now on.
-  void Stop() { stopping_ = true; }
 
  private:
   using Parts = std::vector<std::string>;
@@ -35,7 +33,6 @@ class Api {
 
   Context& context_;
   const PageFiles& page_;
-  bool stopping_ = false;
   VideosApi videos_;
   StreamsApi streams_;
   PlayApi play_;

@@ -42,6 +42,9 @@ sigset_t StopSignals() {
   return set;
 }
 
+// Without the port.
+std::string HostOf(const std::string& address) { return address.substr(0, address.rfind(':')); }
+
 bool IsThere(const std::string& directory) {
   struct stat status {};
   return stat(directory.c_str(), &status) == 0;
@@ -51,16 +54,25 @@ bool IsThere(const std::string& directory) {
 
 Backend::Backend(BackendOptions options, UniqueFd listening)
     : options_(std::move(options)),
+      streams_(options_.max_streams, options_.max_streams_per_client),
       pool_(loop_, PoolOptionsOf(options_)),
       library_(options_.folders),
       page_(options_.page),
-      streams_(options_.max_streams, options_.max_streams_per_client),
       rate_(options_.calls_per_second, options_.calls_per_second * 3),
       machine_(ThisMachine()),
       profiles_(LoadProfiles(machine_)),
       keeper_(loop_, pool_, library_),
-      context_{loop_,    pool_, library_, keeper_,   streams_,
-               metrics_, rate_, machine_, profiles_, options_.token} {
+      context_{loop_,
+               pool_,
+               library_,
+               keeper_,
+               streams_,
+               metrics_,
+               rate_,
+               machine_,
+               profiles_,
+               options_.token,
+               options_.cors_origin} {
   WatchSignals();
   api_ = std::make_unique<Api>(
       context_, page_,
@@ -69,7 +81,10 @@ Backend::Backend(BackendOptions options, UniqueFd listening)
   http::Options http;
   http.cors_origin = options_.cors_origin;
   // The token keeps strangers' pages away where there is one.
-  if (options_.token.empty()) http.hosts = {"127.0.0.1", "localhost", "[::1]"};
+  if (options_.token.empty()) {
+    http.hosts = {"127.0.0.1", "localhost", "[::1]"};
+    http.hosts.push_back(HostOf(http::LocalAddress(listening.get())));
+  }
   http.finished = [this](const http::Request&, int status, uint64_t) {
     ++metrics_.answers[status];
   };
@@ -104,7 +119,7 @@ void Backend::WatchSignals() {
 void Backend::OnSignal(int signal) {
   if (signal == SIGHUP) {
     keeper_.Rescan();
-  } else if (stopping_) {
+  } else if (context_.stopping) {
     loop_.Stop();
   } else {
     BeginStop();
@@ -138,8 +153,7 @@ void Backend::LookAfterStreams() {
 }
 
 void Backend::BeginStop() {
-  stopping_ = true;
-  api_->Stop();
+  context_.stopping = true;
   for (const StreamRef& stream : streams_.All()) context_.Close(stream);
   server_->Drain([this] { drained_ = true; });
   loop_.After(kLongestStop, [this] { loop_.Stop(); });

@@ -55,10 +55,11 @@ class Backend {
 
   EventLoop loop_;
   BackendOptions options_;
+  // Before the pool, whose unanswered calls hold places in it.
+  StreamTable streams_;
   WorkerPool pool_;
   Library library_;
   PageFiles page_;
-  StreamTable streams_;
   Metrics metrics_;
   RateLimit rate_;
   Machine machine_;
@@ -69,7 +70,6 @@ class Backend {
   UniqueFd signals_;
   std::unique_ptr<Api> api_;
   std::unique_ptr<http::Server> server_;
-  bool stopping_ = false;
   bool drained_ = false;
 };
 

@@ -41,6 +41,10 @@ struct Context {
   const ProfileLists& profiles;
   // Empty: none is required.
   const std::string& token;
+  // Another site, whose pages may use the API; empty: none.
+  const std::string& cors_origin;
+  // Every request is refused from now on, and no stream opened.
+  bool stopping = false;
 
   // Has a worker run a call for a client; answers it instead where it may not do any more now.
   // `done` gets an answer of kind kDone; for every other the client is told, and then `refused`

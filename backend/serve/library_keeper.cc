@@ -24,6 +24,9 @@ LibraryKeeper::LibraryKeeper(EventLoop& loop, WorkerPool& pool, Library& library
 }
 
 void LibraryKeeper::Rescan() {
+  // Whoever asks again and again must not keep a scan from its end.
+  again_ = library_.scanning();
+  if (again_) return;
   library_.StartScan();
   StepSoon();
 }
@@ -42,6 +45,7 @@ void LibraryKeeper::Step() {
   }
   for (const std::string& line : library_.problems()) syslog(LOG_WARNING, "%s", line.c_str());
   ProbeNext();
+  if (again_) Rescan();
 }
 
 void LibraryKeeper::ProbeNext() {

@@ -20,7 +20,7 @@ class LibraryKeeper {
   // Begins with a scan.
   LibraryKeeper(EventLoop& loop, WorkerPool& pool, Library& library);
 
-  // A scan that is under way begins again.
+  // A scan that is under way is finished first.
   void Rescan();
 
   // Calls with what is known of a video, at once where it was probed, else once it is; with null
@@ -38,6 +38,7 @@ class LibraryKeeper {
   WorkerPool& pool_;
   Library& library_;
   bool step_planned_ = false;
+  bool again_ = false;        // a scan was asked for while one was under way
   bool probing_all_ = false;  // a probe that nobody waits for is under way
   std::map<int32_t, std::vector<std::function<void(FactsPtr)>>> waiting_;
 };

@@ -72,6 +72,7 @@ struct PlayApi::FragmentRequest {
   Stream::Time begin;
   int attempts = 0;
   bool restarted = false;
+  WorkerPool::CallId call = 0;
 };
 
 void PlayApi::Play(const ExchangePtr& exchange) {
@@ -110,8 +111,11 @@ void PlayApi::ForgetEnded(const std::string& id, const Answer& answer) {
 
 void PlayApi::Playlist(const ExchangePtr& exchange, const Use& use) {
   Stream& stream = **use;
-  const std::string type = exchange->request().Query("playlist_type");
-  const std::string subtitle = UnquotedQuery(exchange->request(), "subtitle_id");
+  // Whatever else a client says is not kept for as long as the stream is.
+  std::string type = UnquotedQuery(exchange->request(), "playlist_type");
+  if (stream.kind != StreamKind::kHls || (type != "video" && type != "subtitle")) type.clear();
+  const std::string subtitle =
+      type == "subtitle" ? UnquotedQuery(exchange->request(), "subtitle_id") : "";
   const std::string key = "playlist " + type + " " + subtitle;
   if (const auto known = stream.paths.find(key); known != stream.paths.end()) {
     if (auto response = TextOf(stream, known->second)) {
@@ -152,8 +156,13 @@ void PlayApi::Fragment(const ExchangePtr& exchange, const Use& use, const std::s
     exchange->Reply(Refusal("too-many-requests"));
     return;
   }
-  AskForFragment(std::make_shared<FragmentRequest>(
-      FragmentRequest{exchange, use, id, EventLoop::Clock::now()}));
+  const auto wanted = std::make_shared<FragmentRequest>(
+      FragmentRequest{exchange, use, id, EventLoop::Clock::now()});
+  AskForFragment(wanted);
+  // The worker would wait on, for up to a minute.
+  exchange->OnEnd([this, weak = std::weak_ptr(wanted)] {
+    if (const auto wanted = weak.lock()) context_.pool.Forget(wanted->call);
+  });
 }
 
 void PlayApi::AskForFragment(std::shared_ptr<FragmentRequest> wanted) {
@@ -163,7 +172,7 @@ void PlayApi::AskForFragment(std::shared_ptr<FragmentRequest> wanted) {
   arguments["stream_id"] = stream.id;
   arguments["kind"] = KindWord(stream.kind);
   arguments["fragment"] = wanted->id;
-  context_.pool.Submit("fragment", std::move(arguments), [this, wanted](Answer answer) {
+  const auto done = [this, wanted](Answer answer) {
     Stream& stream = **wanted->use;
     if (answer.kind == Answer::Kind::kDone) {
       wanted->restarted = wanted->restarted || answer.value["restarted"].asBool();
@@ -183,7 +192,8 @@ void PlayApi::AskForFragment(std::shared_ptr<FragmentRequest> wanted) {
     }
     ForgetEnded(stream.id, answer);
     wanted->exchange->Reply(again ? Refusal("superseded") : RefusalOf(answer));
-  });
+  };
+  wanted->call = context_.pool.Submit("fragment", std::move(arguments), done);
 }
 
 void PlayApi::File(const ExchangePtr& exchange, const Use& use) {

@@ -64,6 +64,11 @@ void StreamsApi::Create(const ExchangePtr& exchange) {
       wanted->exchange->Reply(Refusal(facts == nullptr ? "no-such-video" : "not-playable"));
       return;
     }
+    const std::string& subtitle = wanted->wish.subtitle;
+    if (subtitle != "all" && subtitle != "none" && facts->FindSubtitle(subtitle) == nullptr) {
+      wanted->exchange->Reply(Refusal("no-such-subtitle"));
+      return;
+    }
     wanted->facts = facts;
     Choose(wanted, *facts);
   });
@@ -123,8 +128,9 @@ void StreamsApi::Prepare(const PreparationPtr& wanted) {
 }
 
 void StreamsApi::Open(const PreparationPtr& wanted, StreamRef stream) {
-  if (wanted->client_gone) {
+  if (wanted->client_gone || context_.stopping) {
     context_.Close(stream);
+    wanted->exchange->Reply(Refusal("stopping"));
     return;
   }
   context_.streams.Add(stream);

@@ -54,23 +54,34 @@ TEST(Access, NewTokensDiffer) {
   EXPECT_NE(NewToken(), token);
 }
 
+TEST(Access, TheSiteThatIsTrustedMayChangeThings) {
+  http::Request request = Get({{"host", "127.0.0.1:8200"},
+                               {"origin", "http://page.example"},
+                               {"sec-fetch-site", "cross-site"}});
+  request.method = "POST";
+  EXPECT_FALSE(IsForeignPage(request, "http://page.example"));
+  EXPECT_TRUE(IsForeignPage(request, "http://page.example:81"));
+  request.headers = {{"host", "127.0.0.1:8200"}, {"sec-fetch-site", "cross-site"}};
+  EXPECT_TRUE(IsForeignPage(request, "http://page.example"));
+}
+
 TEST(Access, OtherSitesPagesMayReadNothingAndChangeNothing) {
   http::Request request = Get({{"host", "127.0.0.1:8200"}, {"origin", "http://evil.example"}});
-  EXPECT_FALSE(IsForeignPage(request)) << "a browser keeps the answer from the page";
+  EXPECT_FALSE(IsForeignPage(request, "")) << "a browser keeps the answer from the page";
   request.method = "POST";
-  EXPECT_TRUE(IsForeignPage(request));
+  EXPECT_TRUE(IsForeignPage(request, ""));
   request.headers = {{"host", "127.0.0.1:8200"}, {"origin", "http://127.0.0.1:8200"}};
-  EXPECT_FALSE(IsForeignPage(request));
+  EXPECT_FALSE(IsForeignPage(request, ""));
   request.headers = {{"host", "127.0.0.1:8200"}, {"origin", "http://127.0.0.1:8201"}};
-  EXPECT_TRUE(IsForeignPage(request));
+  EXPECT_TRUE(IsForeignPage(request, ""));
   request.headers = {{"host", "127.0.0.1:8200"}, {"origin", "null"}};
-  EXPECT_TRUE(IsForeignPage(request));
+  EXPECT_TRUE(IsForeignPage(request, ""));
   request.headers = {{"host", "127.0.0.1:8200"}, {"sec-fetch-site", "cross-site"}};
-  EXPECT_TRUE(IsForeignPage(request));
+  EXPECT_TRUE(IsForeignPage(request, ""));
   request.headers = {{"host", "127.0.0.1:8200"}, {"sec-fetch-site", "same-origin"}};
-  EXPECT_FALSE(IsForeignPage(request));
+  EXPECT_FALSE(IsForeignPage(request, ""));
   request.headers = {{"host", "127.0.0.1:8200"}};
-  EXPECT_FALSE(IsForeignPage(request)) << "no browser";
+  EXPECT_FALSE(IsForeignPage(request, "")) << "no browser";
 }
 
 }  // namespace

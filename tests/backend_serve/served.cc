@@ -55,6 +55,8 @@ std::string LowerCase(std::string text) {
   return text;
 }
 
+}  // namespace
+
 Reply ParseReply(const std::string& text) {
   Reply reply;
   std::istringstream stream(text);
@@ -73,8 +75,6 @@ Reply ParseReply(const std::string& text) {
   reply.body = body.str();
   return reply;
 }
-
-}  // namespace
 
 std::string Reply::Header(const std::string& name) const {
   for (const auto& [known, value] : headers) {

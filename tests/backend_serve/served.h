@@ -21,6 +21,9 @@ struct Reply {
   Json::Value Json() const;
 };
 
+// Status 0 for a text that is no answer.
+Reply ParseReply(const std::string& text);
+
 // A folder with a page, and with copies or links of these test files.
 std::string LibraryOf(const std::vector<std::string>& names);
 
