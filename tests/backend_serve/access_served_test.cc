@@ -28,6 +28,21 @@ TEST(ServedAccess, OtherSitesAndNamesAreTurnedAway) {
             "");
 }
 
+TEST(ServedAccess, AnyLoopbackAddressIsKnownByItsName) {
+  const Served server(LibraryOf({}), {"--listen", "127.0.0.2:0"});
+  EXPECT_EQ(server.Get("/api/v1/health").status, 200);
+  EXPECT_EQ(server.Get("/", {"-H", "Host: 127.0.0.3"}).Json()["error"], "wrong-host");
+}
+
+TEST(ServedAccess, TheSiteThatIsNamedMayChangeThings) {
+  const Served server(LibraryOf({}), {"--cors", "http://a.example"});
+  const auto rescan = [&](const std::string& origin) {
+    return server.Get("/api/v1/rescan", {"-X", "POST", "-H", "Origin: " + origin}).status;
+  };
+  EXPECT_EQ(rescan("http://a.example"), 202);
+  EXPECT_EQ(rescan("http://b.example"), 403);
+}
+
 TEST(ServedAccess, MethodsAndAddressesThatAreNone) {
   const Served server(LibraryOf({}));
   const Reply method = server.Get("/api/v1/videos", {"-X", "DELETE"});

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -33,6 +34,12 @@ std::string Request(const Served& server, const std::string& title, const std::s
 bool IsUsedByNobody(const Served& server, const Json::Value& stream) {
   const std::string path = "/api/v1/streams/" + stream["id"].asString();
   return server.Get(path).Json()["requests"].asInt() == 1;
+}
+
+// Names the network that a process is in.
+std::string NetworkOf(pid_t process) {
+  std::error_code error;
+  return std::filesystem::read_symlink("/proc/" + std::to_string(process) + "/ns/net", error);
 }
 
 std::string Metric(const Served& server, const std::string& name) {
@@ -152,7 +159,10 @@ TEST(ServedLoad, NobodyWaitsForAFragmentWhoseClientHasGone) {
       stopped = tarn_test::ProcessesWith("/usr/bin/ffmpeg");
       return !stopped.empty();
     }));
-    for (const int process : stopped) kill(process, SIGSTOP);
+    for (const int process : stopped) {
+      kill(process, SIGSTOP);
+      EXPECT_NE(NetworkOf(process), NetworkOf(server.pid()));
+    }
   }
   EXPECT_TRUE(test::Eventually([&] {
     return Metric(server, "tarnvte_workers{state=\"busy\"}") == "0";

@@ -104,12 +104,11 @@ Served::Served(const std::string& folder, const std::vector<std::string>& option
   const std::string page = NewName("page");
   fs::create_directories(page);
   std::ofstream(page + "/index.html") << "<!doctype html><title>A page</title>";
-  std::vector<std::string> words = {std::string(TARN_TEST_BIN) + "/cli/tarnvte",
-                                    "serve",
-                                    "--listen",
-                                    "127.0.0.1:0",
-                                    "--page",
+  std::vector<std::string> words = {std::string(TARN_TEST_BIN) + "/cli/tarnvte", "serve", "--page",
                                     page};
+  if (std::find(options.begin(), options.end(), "--listen") == options.end()) {
+    words.insert(words.end(), {"--listen", "127.0.0.1:0"});
+  }
   words.insert(words.end(), options.begin(), options.end());
   words.push_back(folder);
   int out[2];

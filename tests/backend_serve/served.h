@@ -29,7 +29,8 @@ std::string LibraryOf(const std::vector<std::string>& names);
 
 class Served {
  public:
-  // Serves a folder on a free port of loopback; `options` come before it. Ready once its library
+  // Serves a folder, on a free port of loopback unless `options`, which come before it, say
+  // otherwise. Ready once its library
   // was scanned.
   explicit Served(const std::string& folder, const std::vector<std::string>& options = {});
   ~Served();
