@@ -186,6 +186,11 @@ void PlayApi::AskForFragment(std::shared_ptr<FragmentRequest> wanted) {
     // A worker that was lost took nothing with it: the engine is asked again.
     const bool again = answer.kind == Answer::Kind::kDone || answer.kind == Answer::Kind::kLost;
     LogTrouble("fragment " + wanted->id, answer);
+    // Closed meanwhile: whatever the engine found half gone is no failure.
+    if (context_.streams.Find(stream.id) == nullptr) {
+      wanted->exchange->Reply(Refusal("stream-ended"));
+      return;
+    }
     if (again && wanted->attempts < kMostAttempts) {
       AskForFragment(wanted);
       return;
