@@ -2,11 +2,13 @@
 
 #include <signal.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 #include <utility>
@@ -25,7 +27,7 @@ constexpr std::chrono::seconds kHousekeeping{10};
 constexpr std::chrono::seconds kLongestStop{20};
 constexpr std::chrono::milliseconds kStopLook{50};
 // A directory of nobody's that did not change for so long holds a failed preparation.
-constexpr int kStaleSeconds = 3600;
+constexpr std::chrono::seconds kStaleTime{3600};
 
 PoolOptions PoolOptionsOf(const BackendOptions& options) {
   PoolOptions pool;
@@ -44,6 +46,15 @@ sigset_t StopSignals() {
 
 // Without the port.
 std::string HostOf(const std::string& address) { return address.substr(0, address.rfind(':')); }
+
+// Every connection may have a file of its own: more than most systems give a process at first.
+void RaiseFileLimit() {
+  constexpr rlim_t kFiles = 8192;
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kFiles) return;
+  limit.rlim_cur = std::min(limit.rlim_max, kFiles);
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
 
 bool IsThere(const std::string& directory) {
   struct stat status {};
@@ -73,6 +84,7 @@ Backend::Backend(BackendOptions options, UniqueFd listening)
                profiles_,
                options_.token,
                options_.cors_origin} {
+  RaiseFileLimit();
   WatchSignals();
   api_ = std::make_unique<Api>(
       context_, page_,
@@ -96,6 +108,7 @@ Backend::Backend(BackendOptions options, UniqueFd listening)
     if (answer.kind == Answer::Kind::kDone) platform_ = answer.value;
   });
   CloseLeftStreams();
+  Sweep();
   loop_.After(kHousekeeping, [this] { LookAfterStreams(); });
 }
 
@@ -135,10 +148,14 @@ void Backend::CloseLeftStreams() {
     pool_.Submit("close", std::move(arguments),
                  [](const Answer& answer) { LogTrouble("close", answer); });
   }
+}
+
+void Backend::Sweep() {
   Json::Value arguments(Json::objectValue);
-  arguments["idle_seconds"] = kStaleSeconds;
+  arguments["idle_seconds"] = Json::Int64(kStaleTime.count());
   pool_.Submit("sweep", std::move(arguments),
                [](const Answer& answer) { LogTrouble("sweep", answer); });
+  loop_.After(kStaleTime, [this] { Sweep(); });
 }
 
 void Backend::LookAfterStreams() {

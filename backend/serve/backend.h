@@ -49,6 +49,7 @@ class Backend {
   void WatchSignals();
   void OnSignal(int signal);
   void CloseLeftStreams();
+  void Sweep();
   void LookAfterStreams();
   void BeginStop();
   void EndWhenClosed();

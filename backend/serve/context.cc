@@ -40,6 +40,17 @@ void Context::CallFor(const ExchangePtr& exchange, const std::string& name, Json
   });
 }
 
+void Context::WithFacts(const ExchangePtr& exchange, int32_t video,
+                        std::function<void(LibraryKeeper::FactsPtr)> done) {
+  keeper.WithFacts(video, [=, this](const LibraryKeeper::FactsPtr& facts) {
+    if (facts != nullptr) {
+      done(facts);
+    } else {
+      exchange->Reply(Refusal(library.Find(video) == nullptr ? "no-such-video" : "busy"));
+    }
+  });
+}
+
 void Context::SubtitlePiece(const ExchangePtr& exchange, int32_t video,
                             const Facts::Subtitle& subtitle, double start, double end,
                             const std::string& code_page) {

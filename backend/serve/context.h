@@ -52,6 +52,10 @@ struct Context {
   void CallFor(const ExchangePtr& exchange, const std::string& name, Json::Value arguments,
                std::function<void(Answer)> done,
                std::function<void(const Answer&)> refused = nullptr);
+  // Calls with what is known of a video, once it was probed; answers instead where there is no such
+  // video, or no probe could be made now.
+  void WithFacts(const ExchangePtr& exchange, int32_t video,
+                 std::function<void(LibraryKeeper::FactsPtr)> done);
   // Answers with the part of a video's subtitle between two times, in seconds, as WebVTT.
   // `subtitle` is one of those that a probe found.
   void SubtitlePiece(const ExchangePtr& exchange, int32_t video, const Facts::Subtitle& subtitle,

@@ -14,13 +14,13 @@ void PlayApi::Subtitle(const ExchangePtr& exchange) {
     return;
   }
   const auto id = static_cast<int32_t>(*video);
-  context_.keeper.WithFacts(id, [=, this](const LibraryKeeper::FactsPtr& facts) {
+  context_.WithFacts(exchange, id, [=, this](const LibraryKeeper::FactsPtr& facts) {
     // The playlists name a file beside the video by its path: what the video does not have is
     // never opened.
     const std::string wanted = UnquotedQuery(exchange->request(), "subtitle_id");
-    const Facts::Subtitle* found = facts == nullptr ? nullptr : facts->FindSubtitleOfEngine(wanted);
+    const Facts::Subtitle* found = facts->FindSubtitleOfEngine(wanted);
     if (found == nullptr) {
-      exchange->Reply(Refusal(facts == nullptr ? "no-such-video" : "no-such-subtitle"));
+      exchange->Reply(Refusal("no-such-subtitle"));
       return;
     }
     context_.SubtitlePiece(exchange, id, *found, static_cast<double>(*start),

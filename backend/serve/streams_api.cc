@@ -59,9 +59,9 @@ void StreamsApi::Create(const ExchangePtr& exchange) {
   exchange->OnEnd([weak = std::weak_ptr(wanted)] {
     if (const auto wanted = weak.lock()) wanted->client_gone = true;
   });
-  context_.keeper.WithFacts(wish->video, [this, wanted](const LibraryKeeper::FactsPtr& facts) {
-    if (facts == nullptr || !facts->error.empty()) {
-      wanted->exchange->Reply(Refusal(facts == nullptr ? "no-such-video" : "not-playable"));
+  context_.WithFacts(exchange, wish->video, [this, wanted](const LibraryKeeper::FactsPtr& facts) {
+    if (!facts->error.empty()) {
+      wanted->exchange->Reply(Refusal("not-playable"));
       return;
     }
     const std::string& subtitle = wanted->wish.subtitle;

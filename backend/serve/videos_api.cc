@@ -78,10 +78,10 @@ void VideosApi::List(const ExchangePtr& exchange) {
 }
 
 void VideosApi::Show(const ExchangePtr& exchange, int32_t id) {
-  context_.keeper.WithFacts(id, [this, exchange, id](const LibraryKeeper::FactsPtr& facts) {
+  context_.WithFacts(exchange, id, [this, exchange, id](const LibraryKeeper::FactsPtr&) {
     const Video* video = context_.library.Find(id);
-    if (video == nullptr || facts == nullptr) {
-      exchange->Reply(Refusal(video == nullptr ? "no-such-video" : "busy"));
+    if (video == nullptr) {
+      exchange->Reply(Refusal("no-such-video"));
       return;
     }
     exchange->Reply(JsonResponse(200, DescribedVideo(*video, context_.profiles)));
@@ -93,9 +93,9 @@ void VideosApi::File(const ExchangePtr& exchange, int32_t id) {
 }
 
 void VideosApi::Picture(const ExchangePtr& exchange, int32_t id) {
-  context_.keeper.WithFacts(id, [this, exchange, id](const LibraryKeeper::FactsPtr& facts) {
-    if (facts == nullptr || !facts->error.empty()) {
-      exchange->Reply(Refusal(facts == nullptr ? "no-such-video" : "not-playable"));
+  context_.WithFacts(exchange, id, [this, exchange, id](const LibraryKeeper::FactsPtr& facts) {
+    if (!facts->error.empty()) {
+      exchange->Reply(Refusal("not-playable"));
       return;
     }
     MakePicture(exchange, id, *facts);
@@ -134,10 +134,10 @@ void VideosApi::MakePicture(const ExchangePtr& exchange, int32_t id, const Facts
 }
 
 void VideosApi::Subtitle(const ExchangePtr& exchange, int32_t id, const std::string& subtitle) {
-  context_.keeper.WithFacts(id, [=, this](const LibraryKeeper::FactsPtr& facts) {
-    const Facts::Subtitle* found = facts == nullptr ? nullptr : facts->FindSubtitle(subtitle);
+  context_.WithFacts(exchange, id, [=, this](const LibraryKeeper::FactsPtr& facts) {
+    const Facts::Subtitle* found = facts->FindSubtitle(subtitle);
     if (found == nullptr) {
-      exchange->Reply(Refusal(facts == nullptr ? "no-such-video" : "no-such-subtitle"));
+      exchange->Reply(Refusal("no-such-subtitle"));
       return;
     }
     // Some seconds more: a subtitle may outlast the picture.
