@@ -28,7 +28,7 @@ BareFolder::BareFolder() {
 
 BareFolder::~BareFolder() { std::filesystem::remove_all(kBareFolder); }
 
-double SecondsToFile(const Words& argv, const std::string& begin) {
+double SecondsToFileOfOne(const Words& argv, const std::string& begin) {
   constexpr int kTries = 60;
   const BareFolder folder;
   const std::filesystem::path path = std::string(kBareFolder) + "/" + begin;
@@ -39,13 +39,14 @@ double SecondsToFile(const Words& argv, const std::string& begin) {
     waiter.WatchDirectory(path.parent_path());
     return HasFile(path.parent_path(), path.filename());
   };
-  double taken = 0;
-  {
-    const double begun = Now();
-    const Program program(argv);
-    if (!waiter.WaitUntil(is_there, kTries, 1000)) Fail(argv[0] + " made no " + begin);
-    taken = Now() - begun;
-  }
+  const double begun = Now();
+  const Program program(argv);
+  if (!waiter.WaitUntil(is_there, kTries, 1000)) Fail(argv[0] + " made no " + begin);
+  return Now() - begun;
+}
+
+double SecondsToFile(const Words& argv, const std::string& begin) {
+  const double taken = SecondsToFileOfOne(argv, begin);
   ReapChildren();
   return taken;
 }

@@ -22,4 +22,7 @@ class BareFolder {
 // ("slice-00001.ts", "FOLDER/NAME"). The folder is made for it, and the command is ended then.
 double SecondsToFile(const Words& argv, const std::string& begin);
 
+// The same for a command that starts no others, while this process has further children.
+double SecondsToFileOfOne(const Words& argv, const std::string& begin);
+
 }  // namespace tarnbench

@@ -20,5 +20,8 @@ void MeasureReadyFragment(Report& report);
 void MeasureLauncher(Report& report);
 void MeasurePlaylists(Report& report);
 void MeasureAnalysis(Report& report);
+void MeasureServeFiles(Report& report);
+void MeasurePage(Report& report);
+void MeasureServeMemory(Report& report);
 
 }  // namespace tarnbench

@@ -88,6 +88,10 @@ double SecondsToSegment(const Words& argv, int first) {
   return SecondsToFile(argv, SegmentName(first + 1));
 }
 
+double SecondsToBareSegment(const HlsCommands& commands, int first) {
+  return SecondsToFileOfOne(commands.bare, SegmentName(first + 1));
+}
+
 size_t SegmentBytes(const std::string& folder) {
   size_t bytes = 0;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {

@@ -29,6 +29,9 @@ HlsCommands CommandsOf(const HlsRequest& request, int first);
 // tells. The command is ended then.
 double SecondsToSegment(const Words& argv, int first);
 
+// The same for the bare command, while this process has further children.
+double SecondsToBareSegment(const HlsCommands& commands, int first);
+
 // The sizes of all segments in a folder.
 size_t SegmentBytes(const std::string& folder);
 size_t BareSegmentBytes();

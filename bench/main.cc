@@ -35,6 +35,9 @@ constexpr Figure kFigures[] = {
     {"launcher", MeasureLauncher},
     {"playlists", MeasurePlaylists},
     {"analysis", MeasureAnalysis},
+    {"serve-files", MeasureServeFiles},
+    {"page", MeasurePage},
+    {"serve-memory", MeasureServeMemory},
 };
 
 struct Options {

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -12,6 +11,7 @@
 #include "base/text.h"
 #include "base/wait.h"
 #include "bench/figures.h"
+#include "bench/memory.h"
 #include "bench/webm_run.h"
 
 namespace tarnbench {
@@ -23,28 +23,9 @@ constexpr int kSettleMs = 3'000;
 constexpr double kMemoryLimit = 4;  // MiB
 // A look every two seconds, and one that may fall into the window at its edge.
 constexpr double kWakeLimit = 0.6;
-constexpr Unit kMebibytes{1, 2, "MiB"};
 constexpr Unit kPerSecond{1, 2, "/s"};
 
-// The sum of the named fields of a file of /proc, each a line "Name:   number ...".
-double Fields(pid_t pid, const char* file, const std::vector<std::string>& names) {
-  std::string text;
-  const std::string path = "/proc/" + std::to_string(pid) + "/" + file;
-  if (!tarn::ReadWholeFile(path, 1 << 16, text)) Fail(path + ": cannot be read");
-  double sum = 0;
-  for (const std::string& name : names) {
-    const size_t at = text.find("\n" + name + ":");
-    if (at == std::string::npos) Fail(path + ": has no " + name);
-    sum += std::strtod(text.c_str() + at + name.size() + 2, nullptr);
-  }
-  return sum;
-}
-
-double PrivateMebibytes(pid_t pid) {
-  return Fields(pid, "smaps_rollup", {"Private_Clean", "Private_Dirty"}) / 1024;
-}
-
-double WakeUps(pid_t pid) { return Fields(pid, "status", {"voluntary_ctxt_switches"}); }
+double WakeUps(pid_t pid) { return SumFields(pid, "status", {"voluntary_ctxt_switches"}); }
 
 // Reads as a player does: a bit more than the stream's bit rate, in small pieces.
 void Play(LibTarnVTE::WebMStream& stream, int milliseconds) {
