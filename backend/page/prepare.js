@@ -17,6 +17,16 @@ export function wishFor(id, choice, can) {
   return wish;
 }
 
+/**
+ * The address of the segment that a stream begins with: asked for at once, it is being made while the
+ * player still reads the playlists. Pure.
+ * @param {{kind: string, url: string}} stream @param {number} at second at which playback begins
+ * @returns {?string} null where only the playlists tell
+ */
+export function firstSegment(stream, at) {
+  return stream.kind === 'hls' && at === 0 ? `${stream.url}&fragment_id=00000` : null;
+}
+
 /** What nobody chose otherwise. @param {string} [limit] @returns {object} a choice */
 export function firstChoice(limit = '') {
   return {kind: 'auto', profile: 'auto', audio: undefined, limit};

@@ -1,7 +1,7 @@
 // One film being watched: its stream, the engine that plays it, and what happens when either fails.
 import {ApiError, closeStream, explainUrl, getStream, openStream} from './api.js';
 import {makeEngine} from './engines/choose.js';
-import {wishFor} from './prepare.js';
+import {firstSegment, wishFor} from './prepare.js';
 import {afterRefusal, afterTrouble} from './recovery.js';
 import {clampTime} from './time.js';
 import {explain} from './words.js';
@@ -78,6 +78,9 @@ export class Session extends EventTarget {
     if (this.engine) this.at = this.time();
     this.letGo();
     this.stream = stream;
+    const early = firstSegment(stream, this.at);
+    // Whether it can be made, the player's own request tells.
+    if (early) fetch(early, {method: 'HEAD', cache: 'no-store'}).catch(() => {});
     this.emit('stream');
     return this.attach(turn);
   }

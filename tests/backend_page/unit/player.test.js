@@ -8,7 +8,7 @@ import {clockOffset, startSecond, startUrl} from '../../../backend/page/engines/
 import {HELP, keyAction} from '../../../backend/page/keys.js';
 import {answersSeek} from '../../../backend/page/measure.js';
 import {panelRows} from '../../../backend/page/panel.js';
-import {firstChoice, wishFor} from '../../../backend/page/prepare.js';
+import {firstChoice, firstSegment, wishFor} from '../../../backend/page/prepare.js';
 import {afterRefusal, afterTrouble} from '../../../backend/page/recovery.js';
 import {parseRoute, watchRoute} from '../../../backend/page/router.js';
 import {Seeker} from '../../../backend/page/seeker.js';
@@ -19,6 +19,12 @@ const FILM = {
   profiles: {hls: [{key: 'h', label: '720p'}], webm: [{key: 'w', label: 'VP8'}]},
 };
 const labels = (entries) => entries.map(({label}) => label);
+
+test('what a stream begins with is asked for before its playlists name it', () => {
+  assert.equal(firstSegment({kind: 'hls', url: '/play?id=1'}, 0), '/play?id=1&fragment_id=00000');
+  assert.equal(firstSegment({kind: 'hls', url: '/play?id=1'}, 12), null);
+  assert.equal(firstSegment({kind: 'smooth', url: '/play?id=1'}, 0), null);
+});
 
 test('addresses', () => {
   assert.deepEqual(parseRoute(watchRoute(1804289383)), {view: 'watch', id: 1804289383});
