@@ -29,7 +29,8 @@ async function watch(title, second) {
   await page.goto(`${server.address}/#/`);
   const card = page.locator('a.card', {has: page.getByText(title, {exact: true})});
   await card.waitFor();
-  // The viewer has looked at the library for a moment.
+  // The viewer has looked at the library for a moment, and the pointer comes before the click.
+  await card.hover();
   await page.waitForLoadState('networkidle');
   await card.click();
   const first = await measured('firstPictureMs');

@@ -116,6 +116,10 @@ void Report::AddLimit(const std::string& figure, const Samples& values, const Un
                    .verdict = Verdict(median, 0, limit)});
 }
 
+void Report::AddMissing(const std::string& figure, const std::string& why) {
+  missing_.push_back(figure + " was not measured: " + why);
+}
+
 void Report::Note(const std::string& line) {
   std::printf("%s\n", line.c_str());
   std::fflush(stdout);
@@ -151,6 +155,7 @@ void Report::Print() const {
   }
   std::printf("\n");
   for (const Cells& cells : table) PrintRow(cells, widths);
+  for (const std::string& line : missing_) std::printf("\n%s\n", line.c_str());
 }
 
 std::string Report::Markdown(const std::pair<double, double>& load) const {
@@ -162,6 +167,7 @@ std::string Report::Markdown(const std::pair<double, double>& load) const {
   page += MarkdownRow(table.front());
   page += MarkdownRow(Cells(table.front().size(), "---"));
   for (size_t i = 1; i < table.size(); ++i) page += MarkdownRow(table[i]);
+  for (const std::string& line : missing_) page += "\n" + line + "\n";
   return page;
 }
 
@@ -185,6 +191,7 @@ std::string Report::Json(const std::pair<double, double>& load) const {
     figure["verdict"] = row.verdict;
     figures.append(figure);
   }
+  for (const std::string& line : missing_) document["missing"].append(line);
   Json::StreamWriterBuilder style;
   style["indentation"] = "  ";
   style["precision"] = 6;

@@ -40,6 +40,9 @@ class Report {
   // A value that has no bare counterpart is below `limit`.
   void AddLimit(const std::string& figure, const Samples& values, const Unit& unit, Budget limit);
 
+  // A figure that could not be taken here: said below the table.
+  void AddMissing(const std::string& figure, const std::string& why);
+
   // A line of detail, printed at once.
   static void Note(const std::string& line);
   void Print() const;
@@ -72,6 +75,7 @@ class Report {
   std::string Json(const std::pair<double, double>& load) const;
 
   std::vector<Row> rows_;
+  std::vector<std::string> missing_;
 };
 
 }  // namespace tarnbench

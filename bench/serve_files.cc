@@ -30,12 +30,15 @@ constexpr double kBudget = 1 / 0.9 - 1;
 constexpr double kGigabyte = 1e9;
 const Unit kPerGigabyte{1000, 1, "ms/GB"};
 
-void NeedPrograms() {
+// What to install for this figure; empty where nothing is missing.
+std::string MissingPrograms() {
   for (const char* program : {kWrk, kNginx}) {
-    if (access(program, X_OK) == 0) continue;
-    Fail(std::string("serve-files needs ") + program +
-         ": apt-get install --no-install-recommends wrk nginx-light");
+    if (access(program, X_OK) != 0) {
+      return std::string("there is no ") + program +
+             "; apt-get install --no-install-recommends wrk nginx-light";
+    }
   }
+  return "";
 }
 
 void WriteText(const std::string& path, const std::string& text) {
@@ -138,7 +141,10 @@ std::string Throughput(const Samples& taken) {
 }  // namespace
 
 void MeasureServeFiles(Report& report) {
-  NeedPrograms();
+  if (const std::string missing = MissingPrograms(); !missing.empty()) {
+    report.AddMissing("serve-files", missing);
+    return;
+  }
   for (const char* folder : {kFolder, kScratch}) std::filesystem::create_directories(folder);
   const Served server({"--max-streams-per-client", "400", TARN_BENCH_MEDIA "/film.mkv"});
   WriteText(std::string(kScratch) + "/ours", MakeSegments(server));
