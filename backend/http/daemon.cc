@@ -24,8 +24,10 @@ constexpr std::chrono::milliseconds kGuardPeriod(500);
 
 // Bytes that wait in the kernel before it sends them. The rest stays where it lies: what is sent
 // while it is still in the processor's cache costs half of what a full queue does, and a client
-// that goes leaves little behind.
-constexpr int kUnsentBytes = 32 * 1024;
+// that goes leaves little behind. The kernel keeps back what fills no packet while more is
+// promised, for up to 200 ms, and asks for more once half of this is left: it has to be more than
+// two packets, which are of 64 KiB on loopback.
+constexpr int kUnsentBytes = 192 * 1024;
 
 std::string AddressOf(MHD_Connection* connection) {
   const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
