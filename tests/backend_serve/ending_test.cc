@@ -107,15 +107,12 @@ TEST(ServedEnding, AWorkerThatIsKilledCostsNoMoreThanItsRequest) {
   const Served server(LibraryOf({"film.avi"}));
   const Json::Value stream = server.Open(Request(server, kHls));
   const std::string url = stream["url"].asString() + "&fragment_id=";
-  {
-    const Client client(server.address() + url + "00005");
-    EXPECT_TRUE(test::Eventually([&] {
-      return server.Get("/metrics").body.find("tarnvte_workers{state=\"busy\"} 0\n") ==
-             std::string::npos;
-    }));
-    for (const int worker : ProcessesWith("serve-worker")) kill(worker, SIGKILL);
-  }
+  const std::string state = "/api/v1/streams/" + stream["id"].asString();
+  const Client client(server.address() + url + "00005");
+  // The question is a request of the stream, too.
+  EXPECT_TRUE(test::Eventually([&] { return server.Get(state).Json()["requests"].asInt() > 1; }));
   EXPECT_TRUE(test::Eventually([&] {
+    for (const int worker : ProcessesWith("serve-worker")) kill(worker, SIGKILL);
     return server.Get("/metrics").body.find("tarnvte_calls_failed_total{cause=\"lost\"} 0\n") ==
            std::string::npos;
   }));
