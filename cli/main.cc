@@ -25,6 +25,7 @@ std::string Footer() {
              "  tarnvte stream movie.mkv -o movie.webm\n"
              "  tarnvte segment movie.mkv --fragment 3 -o slice.ts\n"
              "  tarnvte analyze /volume1/video\n"
+             "  tarnvte serve /volume1/video\n"
              "  tarnvte doctor\n"
              "\n"
              "\"tarnvte SUBCOMMAND --help\" explains each.\n"
