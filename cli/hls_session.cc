@@ -185,7 +185,7 @@ std::string HlsSession::Tail(int fragment, const std::function<void()>& wait) {
   }
   const std::string path = stream_.GetSegmentTsPath(fragment);
   struct stat status {};
-  const bool whole = stat(path.c_str(), &status) == 0 && (status.st_mode & S_IRUSR) != 0;
+  const bool whole = stat(path.c_str(), &status) == 0 && (status.st_mode & S_IROTH) != 0;
   return whole ? path : "";
 }
 

@@ -36,8 +36,8 @@ void AddFinished(const fs::path& folder, std::string_view before, std::string_vi
     const auto number = NumberIn(path.filename().native(), before, behind);
     struct stat status {};
     if (!number || lstat(path.c_str(), &status) != 0) continue;
-    // A fragment cannot be read until it is whole.
-    if (!S_ISREG(status.st_mode) || (status.st_mode & S_IRUSR) == 0) continue;
+    // A fragment is its owner's alone until it is whole.
+    if (!S_ISREG(status.st_mode) || (status.st_mode & S_IROTH) == 0) continue;
     made.push_back({*number / unit, static_cast<double>(status.st_mtim.tv_sec) +
                                         static_cast<double>(status.st_mtim.tv_nsec) / 1e9});
   }

@@ -44,7 +44,7 @@ class MadeFragments : public testing::Test {
 
 TEST_F(MadeFragments, OnlyWholeSegmentsCount) {
   Make("slice-00003.ts", 0644);
-  Make("slice-00004.ts", 0200);
+  Make("slice-00004.ts", 0600);
   Make("slice-x.ts", 0644);
   Make("slice-.ts", 0644);
   Make("video.m3u8", 0644);

@@ -133,7 +133,7 @@ class Stub {
 
   // False when this was the last one.
   bool WriteFile(const std::string& path, int number) const {
-    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0200);
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (file < 0) _exit(1);
     if (mode_ == "plain") fchmod(file, 0644);
     Write(file, "segment " + std::to_string(number) + "\n");

@@ -57,7 +57,7 @@ class HlsSession : public testing::Test {
   // As a writer leaves it that has begun it.
   static void BeginSegment(int number) {
     MakeSegment(number);
-    ASSERT_EQ(chmod(Segment(number).c_str(), 0200), 0);
+    ASSERT_EQ(chmod(Segment(number).c_str(), 0600), 0);
   }
 
   // From now on the stream has a live monitor.

@@ -203,7 +203,7 @@ class HlsStress : public testing::Test {
     const tarn::UniqueFd file(tarn::OpenRetry(path.c_str(), O_RDONLY));
     struct stat status {};
     // Another client's seek may have cleared it meanwhile, and even begun it anew.
-    if (!file.valid() || fstat(file.get(), &status) != 0 || (status.st_mode & S_IRUSR) == 0) {
+    if (!file.valid() || fstat(file.get(), &status) != 0 || (status.st_mode & S_IROTH) == 0) {
       return Answer::kGone;
     }
     const Content content = ReadContent("/proc/self/fd/" + std::to_string(file.get()));
@@ -227,7 +227,7 @@ class HlsStress : public testing::Test {
     const std::string path = HlsStream(id).GetSegmentTsPath(number);
     ASSERT_TRUE(Eventually([&] {
       struct stat status {};
-      return stat(path.c_str(), &status) == 0 && (status.st_mode & S_IRUSR) == 0;
+      return stat(path.c_str(), &status) == 0 && (status.st_mode & S_IROTH) == 0;
     })) << number;
   }
 

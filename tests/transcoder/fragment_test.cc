@@ -176,7 +176,7 @@ TEST_F(FragmentWriterTest, AFragmentGetsItsNameWhenTheNextOneBegins) {
   ASSERT_EQ(stat((kFolder + std::string("/Fragments(video=0)")).c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0644u);
   ASSERT_EQ(stat((kFolder + std::string("/Fragments(video=50000000).part")).c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0200u) << "nobody takes it for a fragment";
+  EXPECT_EQ(info.st_mode & 0777, 0600u) << "nobody takes it for a fragment";
   ASSERT_TRUE(writer_->End(52'000'000, error_));
   EXPECT_THAT(Files(), ElementsAre("Fragments(video=0)", "Fragments(video=50000000)"));
   const test::SeenFragment seen =

@@ -72,7 +72,7 @@ std::string Errors() { return ReadText("/tmp/err"); }
 std::map<std::string, std::string> WholeSegments(const std::string& folder) {
   std::map<std::string, std::string> segments;
   for (const auto& entry : fs::directory_iterator(folder)) {
-    if ((ModeOf(entry.path()) & S_IRUSR) == 0) continue;
+    if ((ModeOf(entry.path()) & S_IROTH) == 0) continue;
     segments[entry.path().filename()] = ReadText(entry.path());
   }
   return segments;
@@ -98,13 +98,13 @@ void ExpectBeginningOf(const std::map<std::string, std::string>& reference,
   }
 }
 
-TEST(SegmentFiles, CanBeReadOnlyOnceTheyAreWhole) {
+TEST(SegmentFiles, AreTheirOwnersAloneUntilTheyAreWhole) {
   const Running run(Slow().Words());
   ASSERT_TRUE(Eventually([] { return fs::exists(Segment(0)); }));
-  EXPECT_EQ(ModeOf(Segment(0)), 0200u);
+  EXPECT_EQ(ModeOf(Segment(0)), 0600u);
   ASSERT_TRUE(Eventually([] { return fs::exists(Segment(1)); }));
   EXPECT_EQ(ModeOf(Segment(0)), 0644u);
-  EXPECT_EQ(ModeOf(Segment(1)), 0200u);
+  EXPECT_EQ(ModeOf(Segment(1)), 0600u);
   EXPECT_EQ(ReadMedia(Segment(0)).messages, "");
 }
 

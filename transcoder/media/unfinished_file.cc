@@ -43,7 +43,8 @@ bool UnfinishedFile::Create(const std::string& path, std::string& error) {
   std::memcpy(paths[slot_] + 1, path.c_str() + 1, path.size());
   std::atomic_signal_fence(std::memory_order_release);
   paths[slot_][0] = path[0];
-  file_ = UniqueFd(OpenRetry(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, S_IWUSR));
+  file_ = UniqueFd(
+      OpenRetry(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, S_IRUSR | S_IWUSR));
   if (file_.valid()) return true;
   const int number = errno;
   Forget();

@@ -7,8 +7,9 @@
 
 namespace tarn::media {
 
-// Its mode is 0200 while it is written and 0644 afterwards. A handler of signals removes the
-// unfinished files of the process; at most four may exist at a time. Not for threads.
+// Its mode is 0600 while it is written and 0644 afterwards: its owner alone may follow it. A
+// handler of signals removes the unfinished files of the process; at most four may exist at a time.
+// Not for threads.
 class UnfinishedFile {
  public:
   UnfinishedFile() = default;

@@ -22,7 +22,8 @@ using media::Ticks;
 // Time stamps in the file lie this far behind the source's: the decoder's buffer, which the program
 // clock runs ahead of. Twice this is 1.4 seconds; the subtitles' X-TIMESTAMP-MAP knows it.
 constexpr int kMuxDelayUs = 700'000;
-constexpr size_t kBufferSize = 1 << 18;
+// Small, for those who read a segment while it is being made: a few pictures.
+constexpr size_t kBufferSize = 1 << 14;
 constexpr Ticks kUnset = INT64_MIN;
 constexpr int kTsPacket = 188;
 

@@ -1,8 +1,9 @@
 // Writes MPEG-TS segments, one file after the other.
 //
-// A file bears its final name from the start, but nobody may read it until it is whole: its mode is
-// 0200 while it is written and 0644 afterwards. So whoever waits for segment n sees n + 1 appear,
-// and a writer that was killed leaves nothing that could be taken for a segment.
+// A file bears its final name from the start, but its mode is 0600 while it is written and 0644
+// once it is whole; its owner may read it as it grows, a few pictures at a time. So whoever waits
+// for segment n sees n + 1 appear, and a writer that was killed leaves nothing that could be taken
+// for a whole segment.
 #pragma once
 
 #include <cstdint>

@@ -57,10 +57,10 @@ bool Exists(const std::string& path) {
   return stat(path.c_str(), &status) == 0;
 }
 
-// A segment that may be served: what a writer that was killed leaves is not readable.
+// A segment that may be served: what a writer that was killed leaves is its owner's alone.
 bool IsComplete(const std::string& path) {
   struct stat status {};
-  return stat(path.c_str(), &status) == 0 && (status.st_mode & S_IRUSR) != 0;
+  return stat(path.c_str(), &status) == 0 && (status.st_mode & S_IROTH) != 0;
 }
 
 bool RequestComesFromAppleTv10() {
