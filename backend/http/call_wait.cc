@@ -76,6 +76,7 @@ ssize_t Call::ReadPipe(char* buffer, size_t size) {
     return got;
   }
   if (got == 0) {
+    if (pipe_->whole && !pipe_->whole()) return MHD_CONTENT_READER_END_WITH_ERROR;
     pipe_at_end_ = true;
     return MHD_CONTENT_READER_END_OF_STREAM;
   }

@@ -63,6 +63,9 @@ struct PipeBody {
   UniqueFd fd;
   std::function<void(uint64_t bytes, bool whole)> ended;
   std::string first;  // sent before what the pipe holds
+  // Asked at the pipe's end: whether that is all. Where it is not, the connection ends without the
+  // mark of an end, so that the client knows. None: it is.
+  std::function<bool()> whole = nullptr;
 };
 
 struct Response {

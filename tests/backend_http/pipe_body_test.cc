@@ -34,6 +34,7 @@ class PipeTest : public WebTest {
     PipeBody body;
     body.fd.reset(fds[0]);
     body.first = first_;
+    if (cut_) body.whole = [this] { return !*cut_; };
     body.ended = [this](uint64_t bytes, bool whole) { ends_.push_back({bytes, whole}); };
     Response response;
     response.type = "video/webm";
@@ -60,6 +61,7 @@ class PipeTest : public WebTest {
 
   UniqueFd writer_;
   std::string first_;
+  std::optional<bool> cut_;  // what it says at its end; none: nobody asks
   std::vector<End> ends_;
 };
 
@@ -96,6 +98,36 @@ TEST_F(PipeTest, AnEmptyOne) {
   ASSERT_TRUE(Run([&] { return writer_.valid(); }));
   writer_.reset();
   EXPECT_EQ(Await(client).body, "");
+  ASSERT_TRUE(Ended());
+  EXPECT_TRUE(ends_[0].whole);
+}
+
+TEST_F(PipeTest, OneThatIsCutShortEndsTheConnection) {
+  Serve();
+  cut_ = false;
+  WebClient& client = Connect();
+  client.Get("/pipe");
+  ASSERT_TRUE(Run([&] { return writer_.valid(); }));
+  Write("beginning");
+  ASSERT_TRUE(Run([&] { return client.received.find("beginning") != std::string::npos; }));
+  cut_ = true;
+  writer_.reset();
+  ASSERT_TRUE(Run([&] { return client.ended; }));
+  Reply reply;
+  EXPECT_FALSE(TakeReply(client.received, reply)) << "the last chunk is missing";
+  ASSERT_TRUE(Ended());
+  EXPECT_FALSE(ends_[0].whole);
+}
+
+TEST_F(PipeTest, OneThatSaysThatItIsWholeIs) {
+  Serve();
+  cut_ = false;
+  WebClient& client = Connect();
+  client.Get("/pipe");
+  ASSERT_TRUE(Run([&] { return writer_.valid(); }));
+  Write("all");
+  writer_.reset();
+  EXPECT_EQ(Await(client).body, "all");
   ASSERT_TRUE(Ended());
   EXPECT_TRUE(ends_[0].whole);
 }
