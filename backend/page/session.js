@@ -79,10 +79,15 @@ export class Session extends EventTarget {
     this.letGo();
     this.stream = stream;
     const early = firstSegment(stream, this.at);
-    // Whether it can be made, the player's own request tells.
-    if (early) fetch(early, {method: 'HEAD', cache: 'no-store'}).catch(() => {});
+    if (early) this.begin(early);
     this.emit('stream');
     return this.attach(turn);
+  }
+
+  // Has a segment made. Whether it can be made, the player's own request tells.
+  begin(url) {
+    this.early = new AbortController();
+    fetch(url, {method: 'HEAD', cache: 'no-store', signal: this.early.signal}).catch(() => {});
   }
 
   async attach(turn) {
@@ -223,6 +228,8 @@ export class Session extends EventTarget {
   /** @param {number} second of the film */
   seek(second) {
     this.at = clampTime(second, this.duration);
+    // A transcoder whose first segment is still being waited for goes on for a while.
+    this.early?.abort();
     this.engine?.seek(this.at);
   }
 
@@ -259,6 +266,7 @@ export class Session extends EventTarget {
 
   letGo() {
     clearTimeout(this.timer);
+    this.early?.abort();
     if (this.engine) {
       this.emit('switch');
       this.engine.destroy();

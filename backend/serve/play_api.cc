@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "backend/serve/growing_segment.h"
 #include "backend/serve/playback_address.h"
 #include "backend/serve/video_file.h"
 
@@ -17,15 +18,20 @@ namespace {
 // A segment never changes: whoever makes it anew makes the same.
 constexpr char kKeepFragment[] = "private, max-age=3600, immutable";
 constexpr int kMostAttempts = 3;
+// The preference, and its name in the answer.
+constexpr char kUnfinished[] = "unfinished";
 
-// A fragment's answer; nothing where the file is not whole: it cannot be read by its owner before,
-// which root has to look at itself.
+const char* FragmentType(const Stream& stream) {
+  return stream.kind == StreamKind::kHls ? "video/mp2t" : "video/mp4";
+}
+
+// A fragment's answer; nothing where the file is not whole: it is its owner's alone before.
 std::unique_ptr<http::Response> WholeFragment(const Stream& stream, UniqueFd file) {
   struct stat status {};
   if (!file.valid() || fstat(file.get(), &status) != 0) return nullptr;
-  if (!S_ISREG(status.st_mode) || (status.st_mode & S_IRUSR) == 0) return nullptr;
+  if (!S_ISREG(status.st_mode) || (status.st_mode & S_IROTH) == 0) return nullptr;
   auto response = std::make_unique<http::Response>();
-  response->type = stream.kind == StreamKind::kHls ? "video/mp2t" : "video/mp4";
+  response->type = FragmentType(stream);
   response->etag = FileTag(status);
   response->modified = status.st_mtime;
   response->cache = kKeepFragment;
@@ -59,6 +65,30 @@ std::unique_ptr<http::Response> TextOf(const Stream& stream, const std::string& 
   return response;
 }
 
+// The file that a segment will be; empty for other fragments.
+std::string SegmentFile(const Stream& stream, const std::string& id) {
+  constexpr size_t kMostDigits = 9;
+  if (stream.kind != StreamKind::kHls || id.empty() || id.size() > kMostDigits) return "";
+  const auto number = ParseNumber(id);
+  if (!number) return "";
+  char name[32];
+  std::snprintf(name, sizeof name, "/slice-%05u.ts", static_cast<unsigned>(*number));
+  return stream.directory + name;
+}
+
+// Whoever asks while others wait already: what they have seen counts.
+std::shared_ptr<ino_t> StaleFile(Stream& stream, const std::string& path) {
+  std::weak_ptr<ino_t>& known = stream.stale[path];
+  std::shared_ptr<ino_t> stale = known.lock();
+  if (stale == nullptr) known = stale = std::make_shared<ino_t>(GrowingSegment::FileAt(path));
+  return stale;
+}
+
+// Whether a client would rather have the beginning than wait for the end (RFC 7240).
+bool WantsUnfinished(const http::Request& request) {
+  return request.method == "GET" && request.Header("prefer") == kUnfinished;
+}
+
 double SecondsSince(Stream::Time begin) {
   return std::chrono::duration<double>(EventLoop::Clock::now() - begin).count();
 }
@@ -69,10 +99,14 @@ struct PlayApi::FragmentRequest {
   ExchangePtr exchange;
   Use use;
   std::string id;
-  Stream::Time begin;
+  Stream::Time begin = EventLoop::Clock::now();
   int attempts = 0;
   bool restarted = false;
   WorkerPool::CallId call = 0;
+  std::shared_ptr<ino_t> stale;
+  // Of a client that would rather have the beginning than wait for the end.
+  std::shared_ptr<GrowingSegment> growing;
+  double first_bytes = 0;  // seconds after `begin`
 };
 
 void PlayApi::Play(const ExchangePtr& exchange) {
@@ -156,13 +190,52 @@ void PlayApi::Fragment(const ExchangePtr& exchange, const Use& use, const std::s
     exchange->Reply(Refusal("too-many-requests"));
     return;
   }
-  const auto wanted = std::make_shared<FragmentRequest>(
-      FragmentRequest{exchange, use, id, EventLoop::Clock::now()});
+  const auto wanted = std::make_shared<FragmentRequest>();
+  wanted->exchange = exchange;
+  wanted->use = use;
+  wanted->id = id;
+  if (const std::string file = SegmentFile(stream, id); !file.empty()) {
+    wanted->stale = StaleFile(stream, file);
+    if (WantsUnfinished(exchange->request())) SendWhileItGrows(wanted, file);
+  }
   AskForFragment(wanted);
   // The worker would wait on, for up to a minute.
   exchange->OnEnd([this, weak = std::weak_ptr(wanted)] {
     if (const auto wanted = weak.lock()) context_.pool.Forget(wanted->call);
   });
+}
+
+void PlayApi::SendWhileItGrows(const std::shared_ptr<FragmentRequest>& wanted,
+                               const std::string& file) {
+  wanted->growing = std::make_shared<GrowingSegment>(context_.loop, file, *wanted->stale);
+  wanted->growing->Await([weak = std::weak_ptr(wanted)](http::PipeBody body) {
+    const auto wanted = weak.lock();
+    if (wanted == nullptr) return;
+    wanted->first_bytes = SecondsSince(wanted->begin);
+    http::Response response;
+    response.type = FragmentType(**wanted->use);
+    response.headers.emplace_back("Preference-Applied", kUnfinished);
+    // The request uses the stream until its last byte.
+    body.ended = [use = wanted->use, ended = std::move(body.ended)](uint64_t bytes, bool whole) {
+      ended(bytes, whole);
+    };
+    response.body = std::move(body);
+    wanted->exchange->Reply(std::move(response));
+  });
+}
+
+void PlayApi::FinishGrowing(FragmentRequest& wanted, const Answer& answer) {
+  Stream& stream = **wanted.use;
+  const bool whole =
+      answer.kind == Answer::Kind::kDone && wanted.growing->Finish(answer.descriptor.get());
+  if (!whole) {
+    LogTrouble("fragment " + wanted.id, answer);
+    wanted.growing->End();
+    ForgetEnded(stream.id, answer);
+    return;
+  }
+  stream.paths[wanted.id] = answer.value["path"].asString();
+  RecordWait(context_.metrics, stream, wanted.first_bytes, answer.value["restarted"].asBool());
 }
 
 void PlayApi::AskForFragment(std::shared_ptr<FragmentRequest> wanted) {
@@ -174,6 +247,10 @@ void PlayApi::AskForFragment(std::shared_ptr<FragmentRequest> wanted) {
   arguments["fragment"] = wanted->id;
   const auto done = [this, wanted](Answer answer) {
     Stream& stream = **wanted->use;
+    if (wanted->growing != nullptr && wanted->growing->begun()) {
+      FinishGrowing(*wanted, answer);
+      return;
+    }
     if (answer.kind == Answer::Kind::kDone) {
       wanted->restarted = wanted->restarted || answer.value["restarted"].asBool();
       if (auto response = WholeFragment(stream, std::move(answer.descriptor))) {

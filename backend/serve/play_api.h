@@ -23,6 +23,8 @@ class PlayApi {
 
   void Playlist(const ExchangePtr& exchange, const Use& use);
   void Fragment(const ExchangePtr& exchange, const Use& use, const std::string& id);
+  void SendWhileItGrows(const std::shared_ptr<FragmentRequest>& wanted, const std::string& file);
+  void FinishGrowing(FragmentRequest& wanted, const Answer& answer);
   void AskForFragment(std::shared_ptr<FragmentRequest> wanted);
   void Bytes(const ExchangePtr& exchange, const Use& use);
   void File(const ExchangePtr& exchange, const Use& use);

@@ -1,18 +1,22 @@
 // Streams of each kind, as a player asks for them.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
+#include "machine.h"
 #include "served.h"
 #include "tests/support/process.h"
 
 namespace {
 
 using tarn_test::LibraryOf;
+using tarn_test::ProcessesWith;
+using tarn_test::RawClient;
 using tarn_test::Reply;
 using tarn_test::Served;
 
@@ -81,6 +85,62 @@ TEST(Playback, HlsFromThePlaylistToItsSegments) {
   EXPECT_EQ(server.Get(segments[0]).Json()["error"], "no-such-stream");
   EXPECT_TRUE(test::Eventually([] { return std::filesystem::is_empty("/tmp/Reelbay/HLS"); }))
       << "its working directory goes";
+}
+
+TEST(Playback, ASegmentIsSentWhileItIsMade) {
+  const Served server(LibraryOf({"clip.mkv"}));
+  // A machine may be so slow that the segment is whole before the server looks.
+  EXPECT_TRUE(test::Eventually([&] {
+    const Json::Value stream = server.Open(Request(server, "clip", kEncodedHls));
+    const std::string url = stream["url"].asString() + "&fragment_id=00000";
+    const Reply growing = server.Get(url, {"-H", "Prefer: unfinished"});
+    EXPECT_EQ(growing.status, 200);
+    EXPECT_EQ(growing.Header("content-type"), "video/mp2t");
+    const Reply whole = server.Get(url, {"-H", "Prefer: unfinished"});
+    EXPECT_EQ(whole.Header("preference-applied"), "");
+    EXPECT_NE(whole.Header("etag"), "");
+    EXPECT_TRUE(growing.body == whole.body);
+    EXPECT_GT(
+        server.Get("/api/v1/streams/" + stream["id"].asString()).Json()["first_wait_ms"].asDouble(),
+        0);
+    server.Get("/api/v1/streams/" + stream["id"].asString(), {"-X", "DELETE"});
+    if (growing.Header("preference-applied").empty()) return false;
+    EXPECT_EQ(growing.Header("etag"), "");
+    EXPECT_EQ(growing.Header("transfer-encoding"), "chunked");
+    return true;
+  }));
+}
+
+TEST(Playback, ASegmentThatIsLostWhileItIsSentEndsTheConnection) {
+  const Served server(LibraryOf({"clip.mkv"}));
+  const auto signal_all = [](int signal) {
+    for (const char* name : {"/usr/bin/ffmpeg", "tarn-segmenter"}) {
+      for (const int pid : ProcessesWith(name)) kill(pid, signal);
+    }
+  };
+  EXPECT_TRUE(test::Eventually([&] {
+    const Json::Value stream = server.Open(Request(server, "clip", kEncodedHls));
+    const std::string id = stream["id"].asString();
+    const std::string url = stream["url"].asString() + "&fragment_id=00000";
+    RawClient client(server);
+    client.Send("GET " + url + " HTTP/1.1\r\nHost: localhost\r\nPrefer: unfinished\r\n\r\n");
+    const std::string begin = client.Read(2000);
+    signal_all(SIGSTOP);
+    struct stat status {};
+    const std::string file = "/tmp/Reelbay/HLS/" + id + "/slice-00000.ts";
+    const bool halfway = begin.find("Preference-Applied") != std::string::npos &&
+                         stat(file.c_str(), &status) == 0 && (status.st_mode & 0777) == 0600;
+    signal_all(SIGKILL);
+    if (halfway) {
+      // A run of its own makes the segment again, which is another file.
+      const std::string rest = client.Read(100'000'000);
+      EXPECT_FALSE(rest.ends_with("\r\n0\r\n\r\n"));
+      EXPECT_TRUE(LooksLikeTransportStream(server.Get(url).body)) << server.Log();
+    }
+    client.Drop();
+    server.Get("/api/v1/streams/" + id, {"-X", "DELETE"});
+    return halfway;
+  }));
 }
 
 TEST(Playback, HlsOfTheSecondGenerationQuotesItsValues) {

@@ -16,6 +16,12 @@ function configuration(at) {
     startPosition: at,
     workerPath: new URL('../lib/hls.worker.js', import.meta.url).pathname,
     lowLatencyMode: false,
+    // The first pictures of a segment are shown while its last ones are still being made.
+    progressive: true,
+    fetchSetup: (context, init) => {
+      init.headers.set('Prefer', 'unfinished');
+      return new Request(context.url, init);
+    },
     startFragPrefetch: true,
     testBandwidth: false,
     maxBufferLength: 30,
