@@ -76,11 +76,18 @@ std::string SegmentFile(const Stream& stream, const std::string& id) {
   return stream.directory + name;
 }
 
-// Whoever asks while others wait already: what they have seen counts.
-std::shared_ptr<ino_t> StaleFile(Stream& stream, const std::string& path) {
-  std::weak_ptr<ino_t>& known = stream.stale[path];
-  std::shared_ptr<ino_t> stale = known.lock();
-  if (stale == nullptr) known = stale = std::make_shared<ino_t>(GrowingSegment::FileAt(path));
+// The file that has a segment's name before it is made. Whoever asks while others wait already goes
+// by what they have seen.
+std::shared_ptr<const ino_t> StaleFile(const std::shared_ptr<StreamUse>& use,
+                                       const std::string& path) {
+  auto& known = (*use)->stale;
+  if (const auto found = known.find(path); found != known.end()) return found->second.lock();
+  const std::shared_ptr<const ino_t> stale(new ino_t(GrowingSegment::FileAt(path)),
+                                           [use, path](const ino_t* file) {
+                                             (*use)->stale.erase(path);
+                                             delete file;
+                                           });
+  known[path] = stale;
   return stale;
 }
 
@@ -103,7 +110,7 @@ struct PlayApi::FragmentRequest {
   int attempts = 0;
   bool restarted = false;
   WorkerPool::CallId call = 0;
-  std::shared_ptr<ino_t> stale;
+  std::shared_ptr<const ino_t> stale;
   // Of a client that would rather have the beginning than wait for the end.
   std::shared_ptr<GrowingSegment> growing;
   double first_bytes = 0;  // seconds after `begin`
@@ -195,7 +202,7 @@ void PlayApi::Fragment(const ExchangePtr& exchange, const Use& use, const std::s
   wanted->use = use;
   wanted->id = id;
   if (const std::string file = SegmentFile(stream, id); !file.empty()) {
-    wanted->stale = StaleFile(stream, file);
+    wanted->stale = StaleFile(use, file);
     if (WantsUnfinished(exchange->request())) SendWhileItGrows(wanted, file);
   }
   AskForFragment(wanted);

@@ -52,8 +52,8 @@ struct Stream {
 
   // Paths that the engine gave, by what was asked for. A file may be cleared by a seek at any time.
   std::unordered_map<std::string, std::string> paths;
-  // Of segments that are being waited for: the file that had the name when the first asked.
-  std::unordered_map<std::string, std::weak_ptr<ino_t>> stale;
+  // Of segments that are being waited for, by path: the file that had it when the first asked.
+  std::unordered_map<std::string, std::weak_ptr<const ino_t>> stale;
 };
 
 // The MIME type of what is played first; "" for a file, which has its own.
