@@ -1,4 +1,5 @@
 // One kind of stream (environment: KIND, PROFILE): it plays, and ten seeks land where they should.
+// With NATIVE the browser has no Media Source Extensions and plays HLS by itself.
 import assert from 'node:assert/strict';
 import {after, before, test} from 'node:test';
 import {PATIENCE, Server, View, launch, random, until} from './support.js';
@@ -14,6 +15,11 @@ before(async () => {
   server = await Server.start();
   browser = await launch();
   view = await View.open(browser, server);
+  if (!process.env.NATIVE) return;
+  await view.page.addInitScript(() => {
+    delete globalThis.MediaSource;
+    delete globalThis.ManagedMediaSource;
+  });
 });
 
 after(async () => {
@@ -29,6 +35,7 @@ test(`${KIND} plays`, {timeout: PATIENCE * 4}, async () => {
   await view.wait((kind) => tarnvte.stream?.kind === kind, KIND);
   await view.playing();
   await view.inTime();
+  if (process.env.NATIVE) assert.equal(await view.page.evaluate(() => new URL(tarnvte.video.src).protocol), 'http:');
   const {width, duration} = await view.page.evaluate(() => ({width: tarnvte.video.videoWidth, duration: tarnvte.duration}));
   assert.ok(width >= 300, `${width} pixels`);
   assert.ok(Math.abs(duration - 150) < 1, `${duration} s`);
