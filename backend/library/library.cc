@@ -54,7 +54,9 @@ void Library::Adopt(const Scan& scan) {
     if (number == known.end()) continue;
     const Video& before = old.at(number->second);
     Video video = MakeVideo(before.id, file);
-    if (before.file == file) video.facts = before.facts;
+    // What could not be read may be readable by now.
+    const bool readable = before.facts != nullptr && before.facts->error.empty();
+    if (before.file == file && readable) video.facts = before.facts;
     add(std::move(video));
   }
   for (const auto& [path, file] : scan.files()) {

@@ -140,6 +140,18 @@ TEST(Library, KeepsFactsOfUnchangedFiles) {
   EXPECT_EQ(Titled(library, "film")->facts, nullptr);
 }
 
+TEST(Library, LooksAgainAtWhatCouldNotBeRead) {
+  WriteText("/tmp/v/locked.mkv", "x");
+  Library library({"/tmp/v"});
+  Rescan(library);
+  tarnbackend::Facts facts;
+  facts.error = "The file is not a video that can be read.";
+  EXPECT_TRUE(library.SetFacts(Titled(library, "locked")->file, facts));
+  EXPECT_THAT(library.Unprobed(100), IsEmpty());
+  Rescan(library);
+  EXPECT_EQ(library.Unprobed(100).size(), 1U);
+}
+
 TEST(Library, RefusesFactsOfAnotherFile) {
   WriteText("/tmp/v/a.mkv", "x");
   Library library({"/tmp/v"});

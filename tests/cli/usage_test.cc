@@ -16,15 +16,15 @@ TEST(Usage, HelpListsSubcommandsAndExitStatuses) {
   const Result result = Tarnvte({"--help"});
   EXPECT_EQ(0, result.status);
   for (const char* word :
-       {"probe", "plan", "stream", "playlist", "segment", "registry", "doctor", "Exit status",
-        "7 the transcoder failed", "8 segments", "130 or 143 interrupted"}) {
+       {"probe", "plan", "stream", "playlist", "segment", "registry", "doctor", "serve",
+        "Exit status", "7 the transcoder failed", "8 segments", "130 or 143 interrupted"}) {
     EXPECT_THAT(result.out, HasSubstr(word));
   }
 }
 
 TEST(Usage, EverySubcommandExplainsItselfWithExamples) {
   for (const char* name :
-       {"probe", "plan", "stream", "playlist", "segment", "registry", "doctor"}) {
+       {"probe", "plan", "stream", "playlist", "segment", "registry", "doctor", "serve"}) {
     const Result result = Tarnvte({name, "--help"});
     EXPECT_EQ(0, result.status) << name;
     EXPECT_THAT(result.out, HasSubstr(std::string("Usage: tarnvte ") + name));
