@@ -105,6 +105,9 @@ TEST(SegmentFiles, AreTheirOwnersAloneUntilTheyAreWhole) {
   ASSERT_TRUE(Eventually([] { return fs::exists(Segment(1)); }));
   EXPECT_EQ(ModeOf(Segment(0)), 0644u);
   EXPECT_EQ(ModeOf(Segment(1)), 0600u);
+  // Its pictures come into it one by one.
+  ASSERT_TRUE(Eventually([] { return fs::file_size(Segment(1)) > 0; }));
+  EXPECT_EQ(ModeOf(Segment(1)), 0600u);
   EXPECT_EQ(ReadMedia(Segment(0)).messages, "");
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -18,12 +19,14 @@ namespace {
 
 using media::ErrorText;
 using media::Ticks;
+using Clock = std::chrono::steady_clock;
 
 // Time stamps in the file lie this far behind the source's: the decoder's buffer, which the program
 // clock runs ahead of. Twice this is 1.4 seconds; the subtitles' X-TIMESTAMP-MAP knows it.
 constexpr int kMuxDelayUs = 700'000;
-// Small, for those who read a segment while it is being made: a few pictures.
-constexpr size_t kBufferSize = 1 << 14;
+constexpr size_t kBufferSize = 1 << 18;
+// How long a picture may lie in the buffer while those who follow the file wait for it.
+constexpr std::chrono::milliseconds kFlushAfter{20};
 constexpr Ticks kUnset = INT64_MIN;
 constexpr int kTsPacket = 188;
 
@@ -67,6 +70,7 @@ struct SegmentWriter::Output {
   std::string path;
   media::UnfinishedFile file;
   bool empty = true;  // nothing was written into it
+  Clock::time_point flushed;
   ParameterSets parameter_sets;
 };
 
@@ -181,6 +185,10 @@ bool SegmentWriter::Write(MediaPacket& packet, std::string& error) {
   data->pos = -1;
   const int status = av_write_frame(out.muxer, data);
   out.empty = false;
+  if (const auto now = Clock::now(); now - out.flushed >= kFlushAfter) {
+    avio_flush(out.io);
+    out.flushed = now;
+  }
   if (status >= 0 && out.io->error >= 0) return true;
   error = "writing a segment failed: " + ErrorText(status < 0 ? status : out.io->error);
   return false;
