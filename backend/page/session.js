@@ -39,6 +39,8 @@ export class Session extends EventTarget {
     this.waitedAt = -Infinity;
     this.watched = false;
     this.at = 0;
+    /** @type {?AbortController} of the request that has the first segment made */
+    this.early = null;
   }
 
   /** @returns {number} the film's length, seconds */
