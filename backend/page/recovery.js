@@ -21,12 +21,14 @@ export function afterTrouble(error, {reopened, kind, chosen}) {
 /**
  * What to do when a stream is refused.
  * @param {{word: string}} error
- * @param {boolean} hasOld another stream of this page still plays
- * @returns {'replace'|'keep'|'wait'|'tell'} close the old one and ask again; stay with the old one;
- *     count down and try again; say what happened
+ * @param {{hasOld: boolean, replaced: boolean}} state `hasOld`: another stream of this page still
+ *     plays; `replaced`: it was closed a moment ago, and its transcoder may still be ending
+ * @returns {'replace'|'keep'|'again'|'wait'|'tell'} close the old one and ask again; stay with the
+ *     old one; ask again at once; count down and try again; say what happened
  */
-export function afterRefusal(error, hasOld) {
+export function afterRefusal(error, {hasOld, replaced}) {
   const {retry} = explain(error);
   if (hasOld) return retry === 'soon' ? 'replace' : 'keep';
-  return retry === 'soon' ? 'wait' : 'tell';
+  if (retry !== 'soon') return 'tell';
+  return replaced ? 'again' : 'wait';
 }

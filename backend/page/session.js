@@ -1,14 +1,17 @@
 // One film being watched: its stream, the engine that plays it, and what happens when either fails.
-import {ApiError, closeStream, explainUrl, getStream, openStream} from './api.js';
+import {ApiError, closeStream, explainUrl, openStream} from './api.js';
 import {makeEngine} from './engines/choose.js';
 import {firstSegment, wishFor} from './prepare.js';
 import {afterRefusal, afterTrouble} from './recovery.js';
 import {clampTime} from './time.js';
+import {Watch} from './watch.js';
 import {explain} from './words.js';
 
-const POLL_MS = 20000;
-const WATCHED_POLL_MS = 2000;
 const STEADY_MS = 60000;
+// A stream that another one of this page replaced ends within this time; meanwhile the new one is
+// asked for again and again.
+const REPLACED_MS = 3000;
+const AGAIN_MS = 100;
 // A transcoder that one's own last seek replaced ends within this time, mostly.
 const FIRST_WAIT = 1;
 const WAITED_MS = 20000;
@@ -37,7 +40,11 @@ export class Session extends EventTarget {
     this.turn = 0;
     this.reopenedAt = -Infinity;
     this.waitedAt = -Infinity;
-    this.watched = false;
+    this.replacedAt = -Infinity;
+    this.watch = new Watch((status) => {
+      this.status = status;
+      this.emit('status');
+    }, ({message}) => this.troubled({word: 'stream-ended', message}));
     this.at = 0;
     /** @type {?AbortController} of the request that has the first segment made */
     this.early = null;
@@ -114,7 +121,7 @@ export class Session extends EventTarget {
     this.setState('open');
     this.emit('engine');
     if (this.wantsPlay) this.play();
-    this.schedulePoll();
+    this.watch.start(this.stream);
     return true;
   }
 
@@ -134,21 +141,32 @@ export class Session extends EventTarget {
   async refused(error, hasOld) {
     if (!(error instanceof ApiError)) error = new ApiError(0, 'failed', String(error));
     const {text} = explain(error);
-    switch (afterRefusal(error, hasOld)) {
+    const replaced = performance.now() - this.replacedAt < REPLACED_MS;
+    switch (afterRefusal(error, {hasOld, replaced})) {
       case 'replace':
         this.at = this.time();
         this.letGo();
-        return this.open(this.at);
+        this.replacedAt = performance.now();
+        return this.again();
+      case 'again':
+        return this.again();
       case 'keep':
         this.kept = true;
         this.setState('open');
         this.emit('message', text);
-        this.schedulePoll();
+        this.watch.start(this.stream);
         return false;
       default:
         this.fail(error);
         return false;
     }
+  }
+
+  // Asks once more, unless the viewer goes elsewhere meanwhile.
+  async again() {
+    const {turn} = this;
+    await new Promise((resolve) => setTimeout(resolve, AGAIN_MS));
+    return turn === this.turn && this.open(this.at);
   }
 
   async troubled({word, message, url}) {
@@ -237,37 +255,11 @@ export class Session extends EventTarget {
 
   /** Asks the server more often while somebody looks. @param {boolean} watched */
   setWatched(watched) {
-    this.watched = watched;
-    if (this.state === 'open') this.poll();
-  }
-
-  schedulePoll() {
-    clearTimeout(this.timer);
-    this.timer = setTimeout(() => this.poll(), this.watched ? WATCHED_POLL_MS : POLL_MS);
-  }
-
-  async poll() {
-    const {stream} = this;
-    clearTimeout(this.timer);
-    if (!stream) return;
-    try {
-      const status = await getStream(stream.id);
-      if (stream !== this.stream) return;
-      this.status = status;
-      this.emit('status');
-    } catch (error) {
-      if (stream !== this.stream) return;
-      if (error.gone) {
-        this.troubled({word: 'stream-ended', message: error.message});
-        return;
-      }
-      // A server that does not answer for a moment is the engine's to notice.
-    }
-    this.schedulePoll();
+    this.watch.setClosely(watched);
   }
 
   letGo() {
-    clearTimeout(this.timer);
+    this.watch.stop();
     this.early?.abort();
     if (this.engine) {
       this.emit('switch');

@@ -162,11 +162,16 @@ test('after trouble', () => {
 });
 
 test('after a refusal', () => {
-  assert.equal(afterRefusal({word: 'TransEnable'}, true), 'replace');
-  assert.equal(afterRefusal({word: 'TransEnable'}, false), 'wait');
-  assert.equal(afterRefusal({word: 'TransVideoNotSupported'}, true), 'keep');
-  assert.equal(afterRefusal({word: 'TransVideoNotSupported'}, false), 'tell');
-  assert.equal(afterRefusal({word: 'unreachable'}, false), 'tell');
+  const playing = {hasOld: true, replaced: false};
+  const nothing = {hasOld: false, replaced: false};
+  const replacing = {hasOld: false, replaced: true};
+  assert.equal(afterRefusal({word: 'TransEnable'}, playing), 'replace');
+  assert.equal(afterRefusal({word: 'TransEnable'}, replacing), 'again');
+  assert.equal(afterRefusal({word: 'TransEnable'}, nothing), 'wait');
+  assert.equal(afterRefusal({word: 'TransVideoNotSupported'}, playing), 'keep');
+  assert.equal(afterRefusal({word: 'TransVideoNotSupported'}, replacing), 'tell');
+  assert.equal(afterRefusal({word: 'TransVideoNotSupported'}, nothing), 'tell');
+  assert.equal(afterRefusal({word: 'unreachable'}, nothing), 'tell');
 });
 
 test('the menus', () => {
