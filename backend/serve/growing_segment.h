@@ -19,7 +19,7 @@
 
 namespace tarnbackend {
 
-// In the loop's thread. Holds its file and two ends of a pipe, and gives them back when it goes.
+// In the loop's thread. Holds its file and the end of a pipe, and gives both back when it goes.
 class GrowingSegment : public std::enable_shared_from_this<GrowingSegment> {
  public:
   // The file that has a name, 0 where there is none.
